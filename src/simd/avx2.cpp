@@ -1,0 +1,69 @@
+// The inner loops for processors with AVX2 and fused multiply-add.
+
+#include "simd/simd.hpp"
+
+#include <immintrin.h>
+
+namespace {
+
+struct Vector {
+    using Floats = __m256;
+    static constexpr size_t kLanes = 8;
+    static constexpr size_t kQuads = 2;
+    static constexpr size_t kBlockRows = 4;
+
+    static Floats zero() { return _mm256_setzero_ps(); }
+    static Floats broadcast(float x) { return _mm256_set1_ps(x); }
+    static Floats load(const float* p) { return _mm256_loadu_ps(p); }
+    static void store(float* p, Floats v) { _mm256_storeu_ps(p, v); }
+    static Floats add(Floats a, Floats b) { return _mm256_add_ps(a, b); }
+    static Floats multiply(Floats a, Floats b) { return _mm256_mul_ps(a, b); }
+    static Floats fused(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
+    static Floats fused_negative(Floats a, Floats b, Floats c) { return _mm256_fnmadd_ps(a, b, c); }
+
+    static Floats load_quads(const float* const* p) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(p[0])), _mm_loadu_ps(p[1]),
+                                    1);
+    }
+    static Floats repeat_quad(const float* p) {
+        return _mm256_broadcast_ps(reinterpret_cast<const __m128*>(p));
+    }
+    static void fold_quads(Floats v, float* out) {
+        const Floats t = _mm256_add_ps(v, _mm256_permute_ps(v, 0b01001110));
+        const Floats s = _mm256_add_ps(t, _mm256_permute_ps(t, 0b10110001));
+        out[0] = _mm256_cvtss_f32(s);
+        out[1] = _mm_cvtss_f32(_mm256_extractf128_ps(s, 1));
+    }
+    static float sum_16(const Floats* parts) {
+        const Floats eight = _mm256_add_ps(parts[0], parts[1]);
+        const __m128 four =
+            _mm_add_ps(_mm256_castps256_ps128(eight), _mm256_extractf128_ps(eight, 1));
+        const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
+        return _mm_cvtss_f32(_mm_add_ss(two, _mm_shuffle_ps(two, two, 1)));
+    }
+    static unsigned greater_mask(Floats v, Floats t) {
+        return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, t, _CMP_GT_OQ)));
+    }
+};
+
+}  // namespace
+
+#include "simd/wide.inl"
+
+namespace zx::simd {
+
+const Operations kAvx2Operations = {
+    .name = "avx2",
+    .fused = true,
+    .dot = dot,
+    .dot_rows = dot_rows,
+    .dot_pairs = dot_pairs,
+    .find_greater = find_greater,
+    .dot_two = dot_two,
+    .bpr_update = bpr_update,
+    .add_scaled = add_scaled,
+    .add_outer_products = add_outer_products,
+    .eliminate = eliminate,
+};
+
+}  // namespace zx::simd

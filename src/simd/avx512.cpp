@@ -1,0 +1,71 @@
+// The inner loops for processors with the AVX-512 foundation and its VL, DQ and BW extensions.
+
+#include "simd/simd.hpp"
+
+#include <immintrin.h>
+
+namespace {
+
+struct Vector {
+    using Floats = __m512;
+    static constexpr size_t kLanes = 16;
+    static constexpr size_t kQuads = 4;
+    static constexpr size_t kBlockRows = 8;
+
+    static Floats zero() { return _mm512_setzero_ps(); }
+    static Floats broadcast(float x) { return _mm512_set1_ps(x); }
+    static Floats load(const float* p) { return _mm512_loadu_ps(p); }
+    static void store(float* p, Floats v) { _mm512_storeu_ps(p, v); }
+    static Floats add(Floats a, Floats b) { return _mm512_add_ps(a, b); }
+    static Floats multiply(Floats a, Floats b) { return _mm512_mul_ps(a, b); }
+    static Floats fused(Floats a, Floats b, Floats c) { return _mm512_fmadd_ps(a, b, c); }
+    static Floats fused_negative(Floats a, Floats b, Floats c) { return _mm512_fnmadd_ps(a, b, c); }
+
+    static Floats load_quads(const float* const* p) {
+        const Floats one = _mm512_castps128_ps512(_mm_loadu_ps(p[0]));
+        const Floats two = _mm512_insertf32x4(one, _mm_loadu_ps(p[1]), 1);
+        const Floats three = _mm512_insertf32x4(two, _mm_loadu_ps(p[2]), 2);
+        return _mm512_insertf32x4(three, _mm_loadu_ps(p[3]), 3);
+    }
+    static Floats repeat_quad(const float* p) { return _mm512_broadcast_f32x4(_mm_loadu_ps(p)); }
+    static void fold_quads(Floats v, float* out) {
+        const Floats t = _mm512_add_ps(v, _mm512_permute_ps(v, 0b01001110));
+        const Floats s = _mm512_add_ps(t, _mm512_permute_ps(t, 0b10110001));
+        // Every lane of a group holds its sum; one of each, packed.
+        const __m512i firsts = _mm512_set_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12, 8, 4, 0);
+        _mm_storeu_ps(out, _mm512_castps512_ps128(_mm512_permutexvar_ps(firsts, s)));
+    }
+    static float sum_16(const Floats* parts) {
+        const __m256 eight =
+            _mm256_add_ps(_mm512_castps512_ps256(*parts), _mm512_extractf32x8_ps(*parts, 1));
+        const __m128 four =
+            _mm_add_ps(_mm256_castps256_ps128(eight), _mm256_extractf128_ps(eight, 1));
+        const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
+        return _mm_cvtss_f32(_mm_add_ss(two, _mm_shuffle_ps(two, two, 1)));
+    }
+    static unsigned greater_mask(Floats v, Floats t) {
+        return _mm512_cmp_ps_mask(v, t, _CMP_GT_OQ);
+    }
+};
+
+}  // namespace
+
+#include "simd/wide.inl"
+
+namespace zx::simd {
+
+const Operations kAvx512Operations = {
+    .name = "avx512",
+    .fused = true,
+    .dot = dot,
+    .dot_rows = dot_rows,
+    .dot_pairs = dot_pairs,
+    .find_greater = find_greater,
+    .dot_two = dot_two,
+    .bpr_update = bpr_update,
+    .add_scaled = add_scaled,
+    .add_outer_products = add_outer_products,
+    .eliminate = eliminate,
+};
+
+}  // namespace zx::simd

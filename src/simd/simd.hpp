@@ -1,0 +1,88 @@
+// The inner loops: one table of operations for each kind of processor, chosen once at run time.
+//
+// Lanes are different results: a wider vector never changes the order of the additions within one
+// result. The operations of the first group use separate multiplications and additions everywhere
+// and give the same bits on every processor. Those of the second group fuse them where the
+// processor can, so their last bits depend on that, and on nothing else.
+//
+// The variants' files are compiled for their instruction sets and see nothing but this header and
+// code of internal linkage: a shared inline function compiled there could be the copy that the
+// linker keeps for everybody.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace zx::simd {
+
+// How many pairs dot_pairs() takes at a time.
+inline constexpr size_t kPairBatch = 16;
+
+// Matrices of the second group have rows of whole vectors, this many floats or a multiple of it.
+inline constexpr size_t kRowUnit = 16;
+
+struct Operations {
+    const char* name;
+    bool fused;  // whether the second group fuses multiplications and additions
+
+    // ---- First group: the same bits on every processor. ----
+
+    // The dot product of two rows. Element k adds to partial sum k mod 4 for the first
+    // floor(d / 4) * 4 elements; the sums combine as ((s0 + s2) + (s1 + s3)); the remaining
+    // products are added one by one.
+    float (*dot)(const float* a, const float* b, size_t d);
+
+    // out[r] = dot(row r, x) for consecutive rows of d floats each.
+    void (*dot_rows)(const float* rows, size_t row_count, const float* x, size_t d, float* out);
+
+    // out[j] = dot(a[j], b[j]) for j below count, which is at most kPairBatch.
+    void (*dot_pairs)(const float* const* a, const float* const* b, size_t count, size_t d,
+                      float* out);
+
+    // The first index from `from` on whose value is strictly greater than the threshold; `count`
+    // when there is none. A NaN is not greater.
+    size_t (*find_greater)(const float* values, size_t from, size_t count, float threshold);
+
+    // Two dot products of one row: out[0] with p, out[1] with n. Sixteen interleaved partial sums
+    // over the first floor(d / 16) * 16 elements, halved four times (s[i] + s[i + 8], then 4, 2,
+    // 1); the remaining products are added one by one.
+    void (*dot_two)(const float* w, const float* p, const float* n, size_t d, float* out);
+
+    // One BPR step over three rows that do not overlap, elementwise, in these roundings:
+    //   w' = ((w * decay) + g * p) + (-g) * n;  p' = (p * decay) + g * w;  n' = (n * decay) + (-g)
+    //   * w
+    void (*bpr_update)(float* w, float* p, float* n, size_t d, float decay, float g);
+
+    // ---- Second group: fused where the processor can. ----
+
+    // out[k] += x[k] * factor.
+    void (*add_scaled)(float* out, const float* x, float factor, size_t d);
+
+    // a[k][l] += left[j][k] * right[j][l] for every l >= k, in the order of j. All three have rows
+    // of `stride` floats, a multiple of kRowUnit, and start on a vector boundary; k and l run below
+    // `stride`, and some elements below the diagonal are changed too.
+    void (*add_outer_products)(float* a, const float* left, const float* right, size_t count,
+                               size_t rows, size_t stride);
+
+    // One step of the elimination: a[r][m] -= a[k][m] * a[r][k] for every row r but k and every m
+    // from k + 1 on. Columns up to k are scratch afterwards. Rows as above.
+    void (*eliminate)(float* a, size_t k, size_t rows, size_t stride);
+};
+
+enum class Variant { kScalar, kAvx2, kAvx512 };
+
+// The table of a variant; null when the library was built without it or the processor lacks it.
+const Operations* variant(Variant which);
+
+// The table in use: the widest there is, unless a test chose another.
+const Operations& operations();
+
+// Makes a variant the one in use, for tests; it must be there.
+void use(Variant which);
+
+// The tables, each defined in its own file.
+extern const Operations kScalarOperations;
+extern const Operations kAvx2Operations;
+extern const Operations kAvx512Operations;
+
+}  // namespace zx::simd

@@ -1,0 +1,242 @@
+// The inner loops over vectors, written once for every width. A variant's file defines the type
+// Vector (its registers and their instructions) in the anonymous namespace, then includes this
+// file, then defines its table. Everything here has internal linkage: each variant compiles a
+// copy of its own.
+//
+// Vector offers:
+//   Floats, kLanes           the register and its number of floats
+//   kBlockRows               rows of a register block that fit the register file
+//   zero, broadcast, load, store
+//   add, multiply            one rounding each
+//   fused, fused_negative    a * b + c and c - a * b in one rounding
+//   kQuads                   groups of four lanes in a register
+//   load_quads(p)            four floats from each of kQuads addresses
+//   repeat_quad(p)           four floats, repeated in every group
+//   fold_quads(v, out)       ((s0 + s2) + (s1 + s3)) of every group, kQuads results
+//   sum_16(lo or whole)      see dot_two in simd.hpp
+//   greater_mask(v, t)       a bit for each lane that is greater
+
+namespace {
+
+using Floats = Vector::Floats;
+using zx::simd::kPairBatch;
+
+// ((s0 + s2) + (s1 + s3)).
+float fold_quad(__m128 s) {
+    const __m128 t = _mm_add_ps(s, _mm_movehl_ps(s, s));
+    return _mm_cvtss_f32(_mm_add_ss(t, _mm_shuffle_ps(t, t, 1)));
+}
+
+// The products from element k on, added one by one.
+float add_tail(float sum, const float* a, const float* b, size_t k, size_t d) {
+    for (; k < d; ++k) sum += a[k] * b[k];
+    return sum;
+}
+
+float dot(const float* a, const float* b, size_t d) {
+    const size_t whole = d / 4 * 4;
+    __m128 s = _mm_setzero_ps();
+    for (size_t k = 0; k < whole; k += 4)
+        s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(a + k), _mm_loadu_ps(b + k)));
+    return add_tail(fold_quad(s), a, b, whole, d);
+}
+
+// Four registers of rows in flight hide the latency of the additions, which form one chain for
+// each row.
+constexpr size_t kChains = 4;
+constexpr size_t kRowsInFlight = kChains * Vector::kQuads;
+
+// The rows of a group are read side by side, in more streams than the processor's own prefetching
+// follows, so each step fetches its share of the group after next: as many bytes as it reads.
+// Fetching past the table's end does nothing, and the address is a number, since no pointer may go
+// there.
+constexpr size_t kGroupsAhead = 2;
+
+void prefetch_share(const float* group, size_t d, size_t k) {
+    constexpr size_t kLineBytes = 64;
+    constexpr size_t kShareBytes = 4 * kRowsInFlight * sizeof(float);
+    const uintptr_t share = reinterpret_cast<uintptr_t>(group) +
+                            kGroupsAhead * kRowsInFlight * d * sizeof(float) + k / 4 * kShareBytes;
+    for (size_t line = 0; line < kShareBytes; line += kLineBytes)
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): only fetched, never read through
+        __builtin_prefetch(reinterpret_cast<const void*>(share + line));
+}
+
+void dot_rows(const float* rows, size_t row_count, const float* x, size_t d, float* out) {
+    const size_t whole = d / 4 * 4;
+    size_t r = 0;
+    for (; r + kRowsInFlight <= row_count; r += kRowsInFlight) {
+        const float* const group = rows + r * d;
+        Floats s[kChains];
+        for (Floats& chain : s) chain = Vector::zero();
+        for (size_t k = 0; k < whole; k += 4) {
+            prefetch_share(group, d, k);
+            const Floats xk = Vector::repeat_quad(x + k);
+            for (size_t c = 0; c < kChains; ++c) {
+                const float* quads[Vector::kQuads];
+                for (size_t q = 0; q < Vector::kQuads; ++q)
+                    quads[q] = group + (c * Vector::kQuads + q) * d + k;
+                s[c] = Vector::add(s[c], Vector::multiply(Vector::load_quads(quads), xk));
+            }
+        }
+        for (size_t c = 0; c < kChains; ++c) Vector::fold_quads(s[c], out + r + c * Vector::kQuads);
+        if (whole != d)
+            for (size_t i = 0; i < kRowsInFlight; ++i)
+                out[r + i] = add_tail(out[r + i], group + i * d, x, whole, d);
+    }
+    for (; r < row_count; ++r) out[r] = dot(rows + r * d, x, d);
+}
+
+void dot_pairs(const float* const* a, const float* const* b, size_t count, size_t d, float* out) {
+    const size_t whole = d / 4 * 4;
+    size_t j = 0;
+    for (; j + kRowsInFlight <= count; j += kRowsInFlight) {
+        Floats s[kChains];
+        for (Floats& chain : s) chain = Vector::zero();
+        for (size_t k = 0; k < whole; k += 4)
+            for (size_t c = 0; c < kChains; ++c) {
+                const float* quads_a[Vector::kQuads];
+                const float* quads_b[Vector::kQuads];
+                for (size_t q = 0; q < Vector::kQuads; ++q) {
+                    quads_a[q] = a[j + c * Vector::kQuads + q] + k;
+                    quads_b[q] = b[j + c * Vector::kQuads + q] + k;
+                }
+                s[c] = Vector::add(s[c], Vector::multiply(Vector::load_quads(quads_a),
+                                                          Vector::load_quads(quads_b)));
+            }
+        for (size_t c = 0; c < kChains; ++c) Vector::fold_quads(s[c], out + j + c * Vector::kQuads);
+        if (whole != d)
+            for (size_t i = j; i < j + kRowsInFlight; ++i)
+                out[i] = add_tail(out[i], a[i], b[i], whole, d);
+    }
+    for (; j < count; ++j) out[j] = dot(a[j], b[j], d);
+}
+static_assert(kPairBatch % kRowsInFlight == 0);
+
+size_t find_greater(const float* values, size_t from, size_t count, float threshold) {
+    const Floats t = Vector::broadcast(threshold);
+    size_t i = from;
+    for (; i + Vector::kLanes <= count; i += Vector::kLanes)
+        if (const unsigned mask = Vector::greater_mask(Vector::load(values + i), t))
+            return i + static_cast<size_t>(__builtin_ctz(mask));
+    while (i < count && !(values[i] > threshold)) ++i;
+    return i;
+}
+
+void dot_two(const float* w, const float* p, const float* n, size_t d, float* out) {
+    constexpr size_t kParts = 16 / Vector::kLanes;
+    const size_t whole = d / 16 * 16;
+    Floats with_p[kParts];
+    Floats with_n[kParts];
+    for (size_t i = 0; i < kParts; ++i) with_p[i] = with_n[i] = Vector::zero();
+    for (size_t k = 0; k < whole; k += 16)
+        for (size_t i = 0; i < kParts; ++i) {
+            const size_t at = k + i * Vector::kLanes;
+            const Floats wk = Vector::load(w + at);
+            with_p[i] = Vector::add(with_p[i], Vector::multiply(wk, Vector::load(p + at)));
+            with_n[i] = Vector::add(with_n[i], Vector::multiply(wk, Vector::load(n + at)));
+        }
+    out[0] = add_tail(Vector::sum_16(with_p), w, p, whole, d);
+    out[1] = add_tail(Vector::sum_16(with_n), w, n, whole, d);
+}
+
+void bpr_update(float* w, float* p, float* n, size_t d, float decay, float g) {
+    const Floats decays = Vector::broadcast(decay);
+    const Floats steps = Vector::broadcast(g);
+    const Floats back_steps = Vector::broadcast(-g);
+    size_t k = 0;
+    for (; k + Vector::kLanes <= d; k += Vector::kLanes) {
+        const Floats wk = Vector::load(w + k);
+        const Floats pk = Vector::load(p + k);
+        const Floats nk = Vector::load(n + k);
+        const Floats towards =
+            Vector::add(Vector::multiply(wk, decays), Vector::multiply(pk, steps));
+        Vector::store(w + k, Vector::add(towards, Vector::multiply(nk, back_steps)));
+        Vector::store(p + k,
+                      Vector::add(Vector::multiply(pk, decays), Vector::multiply(wk, steps)));
+        Vector::store(n + k,
+                      Vector::add(Vector::multiply(nk, decays), Vector::multiply(wk, back_steps)));
+    }
+    for (; k < d; ++k) {
+        const float old = w[k];
+        w[k] = (old * decay + g * p[k]) + -g * n[k];
+        p[k] = p[k] * decay + g * old;
+        n[k] = n[k] * decay + -g * old;
+    }
+}
+
+void add_scaled(float* out, const float* x, float factor, size_t d) {
+    const Floats f = Vector::broadcast(factor);
+    size_t k = 0;
+    for (; k + Vector::kLanes <= d; k += Vector::kLanes)
+        Vector::store(out + k, Vector::fused(Vector::load(x + k), f, Vector::load(out + k)));
+    for (; k < d; ++k) out[k] = __builtin_fmaf(x[k], factor, out[k]);
+}
+
+// A block of kRows x (kColumns vectors) of the product stays in registers for all of the rows of
+// left and right.
+template <size_t kRows, size_t kColumns>
+void add_block(float* a, const float* left, const float* right, size_t count, size_t stride) {
+    Floats block[kRows][kColumns];
+    for (size_t i = 0; i < kRows; ++i)
+        for (size_t c = 0; c < kColumns; ++c)
+            block[i][c] = Vector::load(a + i * stride + c * Vector::kLanes);
+    for (size_t j = 0; j < count; ++j) {
+        Floats r[kColumns];
+        for (size_t c = 0; c < kColumns; ++c)
+            r[c] = Vector::load(right + j * stride + c * Vector::kLanes);
+        for (size_t i = 0; i < kRows; ++i) {
+            const Floats l = Vector::broadcast(left[j * stride + i]);
+            for (size_t c = 0; c < kColumns; ++c) block[i][c] = Vector::fused(l, r[c], block[i][c]);
+        }
+    }
+    for (size_t i = 0; i < kRows; ++i)
+        for (size_t c = 0; c < kColumns; ++c)
+            Vector::store(a + i * stride + c * Vector::kLanes, block[i][c]);
+}
+
+template <size_t kRows>
+void add_block_row(float* a, const float* left, const float* right, size_t count, size_t k,
+                   size_t stride) {
+    constexpr size_t kLanes = Vector::kLanes;
+    size_t l = k / kLanes * kLanes;
+    for (; l + 2 * kLanes <= stride; l += 2 * kLanes)
+        add_block<kRows, 2>(a + k * stride + l, left + k, right + l, count, stride);
+    if (l < stride) add_block<kRows, 1>(a + k * stride + l, left + k, right + l, count, stride);
+}
+
+void add_outer_products(float* a, const float* left, const float* right, size_t count, size_t rows,
+                        size_t stride) {
+    size_t k = 0;
+    for (; k + Vector::kBlockRows <= rows; k += Vector::kBlockRows)
+        add_block_row<Vector::kBlockRows>(a, left, right, count, k, stride);
+    for (; k < rows; ++k) add_block_row<1>(a, left, right, count, k, stride);
+}
+
+// Eliminates column k from kRows rows at once, which share the loads of the pivot row. The vector
+// that holds column k is changed as a whole; the factors are read before.
+template <size_t kRows>
+void eliminate_rows(float* rows, const float* pivot_row, size_t k, size_t stride) {
+    Floats factors[kRows];
+    for (size_t i = 0; i < kRows; ++i) factors[i] = Vector::broadcast(rows[i * stride + k]);
+    for (size_t m = (k + 1) / Vector::kLanes * Vector::kLanes; m < stride; m += Vector::kLanes) {
+        const Floats pivot = Vector::load(pivot_row + m);
+        for (size_t i = 0; i < kRows; ++i) {
+            float* const at = rows + i * stride + m;
+            Vector::store(at, Vector::fused_negative(pivot, factors[i], Vector::load(at)));
+        }
+    }
+}
+
+void eliminate_range(float* a, size_t begin, size_t end, size_t k, size_t stride) {
+    size_t r = begin;
+    for (; r + 4 <= end; r += 4) eliminate_rows<4>(a + r * stride, a + k * stride, k, stride);
+    for (; r < end; ++r) eliminate_rows<1>(a + r * stride, a + k * stride, k, stride);
+}
+
+void eliminate(float* a, size_t k, size_t rows, size_t stride) {
+    eliminate_range(a, 0, k, k, stride);
+    eliminate_range(a, k + 1, rows, k, stride);
+}
+
+}  // namespace
