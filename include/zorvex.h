@@ -701,6 +701,65 @@ ZX_API zx_status_t zx_sparse_to_device(zx_sparse_t* matrix);
 ZX_API zx_status_t zx_sparse_validate(const zx_sparse_t* matrix);
 
 /* ---------------------------------------------------------------------------------------------- */
+/* Memory pools                                                                                   */
+/* ---------------------------------------------------------------------------------------------- */
+
+/** The header of a pool's block; the payload follows it directly, in the same allocation. */
+typedef struct zx_pool_block_t {
+    struct zx_pool_block_t* next; /**< next block of the chain, owned; null in the last one */
+    uint64_t capacity;            /**< payload bytes */
+    uint64_t used;                /**< payload bytes handed out */
+} zx_pool_block_t;
+
+/**
+ * Scratch memory that is carved from large blocks and given back all at once. Made by
+ * zx_pool_create(); current_block is a block of the chain, or null while there is none.
+ */
+typedef struct zx_pool_t {
+    zx_pool_block_t* first_block;   /**< first block of the chain, owned; null before first use */
+    zx_pool_block_t* current_block; /**< the block that allocations are taken from */
+    uint64_t block_size;            /**< payload bytes of a new block */
+} zx_pool_t;
+
+/**
+ * Makes an empty pool.
+ *
+ * @param block_size  payload bytes of a block; 0 for 1,048,576.
+ * @return the pool, to be destroyed with zx_pool_destroy(); null, nothing recorded, if memory is
+ *         short.
+ *
+ * Threads: any; a pool belongs to one thread at a time, here and in the functions that follow.
+ * Method: a bump allocator, Hanson, "Fast Allocation and Deallocation of Memory Based on Object
+ * Lifetimes", Software: Practice and Experience 1990.
+ */
+ZX_API zx_pool_t* zx_pool_create(uint64_t block_size);
+
+/**
+ * Takes memory from a pool, with undefined contents. It stays until zx_pool_reset() or
+ * zx_pool_destroy() and is not freed by itself. The size is rounded up to a multiple of 16; a
+ * request that the current block has no room for starts a new block, of the request's own size if
+ * that is larger than the pool's, and what the old block had left is not used any more.
+ *
+ * @param size  bytes.
+ * @return the memory, on a boundary of 8 bytes and, deliberately, no more; null, nothing recorded,
+ *         if pool is null, size is 0, memory is short, or the size overflows on the way.
+ */
+ZX_API void* zx_pool_alloc(zx_pool_t* pool, uint64_t size);
+
+/**
+ * Takes back everything a pool handed out and begins again in its first block; null is ignored.
+ *
+ * Only the first block is filled again: the first request after a reset that it has no room for
+ * starts a new block, which takes the place of all blocks behind the first. Those then belong to
+ * nobody and are never freed, deliberately. A pool that is reset wants a block size that holds all
+ * that is taken between two resets.
+ */
+ZX_API void zx_pool_reset(zx_pool_t* pool);
+
+/** Frees a pool and its chain of blocks; null is ignored. */
+ZX_API void zx_pool_destroy(zx_pool_t* pool);
+
+/* ---------------------------------------------------------------------------------------------- */
 /* The matrix-factorisation model                                                                 */
 /* ---------------------------------------------------------------------------------------------- */
 
@@ -896,8 +955,329 @@ ZX_API zx_status_t zx_model_score_items(zx_model_t* model, uint32_t user_id,
                                         float* out_scores);
 
 /* ---------------------------------------------------------------------------------------------- */
+/* Layers                                                                                         */
+/* ---------------------------------------------------------------------------------------------- */
+
+/** Kind of a layer. */
+typedef uint32_t zx_layer_type_t;
+
+/** Kind of an activation: the layer kinds from 5 to 10, of which 10 has no name and no rule. */
+typedef int32_t zx_activation_t;
+
+enum {
+    ZX_LAYER_EMBEDDING = 0,
+    ZX_LAYER_DENSE = 1,
+    ZX_LAYER_BATCH_NORM = 2,
+    ZX_LAYER_DROPOUT = 4,
+    ZX_ACT_RELU = 5,
+    ZX_ACT_LEAKY_RELU = 6,
+    ZX_ACT_GELU = 7,
+    ZX_ACT_SIGMOID = 8,
+    ZX_ACT_TANH = 9
+};
+
+/** Parameters of an embedding layer. */
+typedef struct zx_embedding_params_t {
+    uint32_t num_embeddings; /**< number of rows */
+    uint32_t embedding_dim;  /**< length of a row */
+    float reserved;          /**< -1; for the host's use, never read by the library */
+} zx_embedding_params_t;
+
+/** Parameters of a dense layer. */
+typedef struct zx_dense_params_t {
+    uint32_t in_features;  /**< length of an input row */
+    uint32_t out_features; /**< length of an output row */
+    uint8_t use_bias;      /**< 1 when the layer has a bias */
+} zx_dense_params_t;
+
+/** Parameters of a batch-normalisation layer. */
+typedef struct zx_batch_norm_params_t {
+    uint32_t num_features; /**< length of a row */
+    float epsilon;         /**< 1e-5; for the host's use, as is the next one */
+    float momentum;        /**< 0.1 */
+} zx_batch_norm_params_t;
+
+/** Parameters of a dropout layer. */
+typedef struct zx_dropout_params_t {
+    float rate; /**< probability with which an element is dropped */
+} zx_dropout_params_t;
+
+/** Parameters of a leaky rectifier. */
+typedef struct zx_leaky_relu_params_t {
+    float alpha; /**< slope for negative numbers, 0.01 */
+} zx_leaky_relu_params_t;
+
+/** Parameters of a layer of any kind; the bytes that the kind does not use are 0. */
+typedef union zx_layer_params_t {
+    zx_embedding_params_t embedding;
+    zx_dense_params_t dense;
+    zx_batch_norm_params_t batch_norm;
+    zx_dropout_params_t dropout;
+    zx_leaky_relu_params_t leaky_relu;
+} zx_layer_params_t;
+
+/**
+ * A layer of a neural model. Made by the functions below, which set the tensors that its kind has
+ * and leave the others null; the tensors stay within the layer and die with it.
+ */
+typedef struct zx_layer_t {
+    zx_layer_type_t type;          /**< kind, decides which member of params counts */
+    zx_layer_params_t params;      /**< parameters of the kind */
+    zx_tensor_t* weight;           /**< owned; embedding [num_embeddings x embedding_dim], dense
+                                        [out_features x in_features], batch norm [num_features] */
+    zx_tensor_t* bias;             /**< owned; dense with bias [out_features], batch norm
+                                        [num_features] */
+    zx_tensor_t* running_mean;     /**< owned; batch norm [num_features] */
+    zx_tensor_t* running_var;      /**< owned; batch norm [num_features] */
+    zx_tensor_t* extra_tensors[5]; /**< tensors the host may attach; owned; null at first */
+    uint8_t trainable;             /**< 1 when the layer has parameters to train */
+    uint8_t training;              /**< mode flag for the host's use; 1 at first */
+} zx_layer_t;
+
+/**
+ * Makes a bare layer of a kind: no parameters, no tensors, trainable. The functions that follow
+ * make layers that are complete.
+ *
+ * @param type  kind; any value.
+ * @return the layer, to be freed with zx_layer_free(); null, nothing recorded, if memory is short.
+ *
+ * Threads: any, as all that make layers.
+ */
+ZX_API zx_layer_t* zx_layer_create(zx_layer_type_t type);
+
+/**
+ * Makes an activation layer, which has nothing to train; a leaky rectifier's alpha is 0.01.
+ *
+ * @param kind  5 to 10. 10 makes a layer that zx_layer_forward() refuses.
+ * @return the layer, to be freed with zx_layer_free(); null, nothing recorded, if kind is out of
+ *         range or memory is short.
+ */
+ZX_API zx_layer_t* zx_layer_activation(zx_activation_t kind);
+
+/**
+ * Makes a dropout layer, which has nothing to train.
+ *
+ * @param rate  probability with which an element is dropped; not checked.
+ * @return the layer, to be freed with zx_layer_free(); null, nothing recorded, if memory is short.
+ */
+ZX_API zx_layer_t* zx_layer_dropout(float rate);
+
+/**
+ * Makes an embedding layer whose table is drawn with zx_rng_fill_xavier(num_embeddings,
+ * embedding_dim). It has no forward rule: a host looks its rows up by itself.
+ *
+ * @param num_embeddings, embedding_dim  shape of the table; not 0.
+ * @return the layer, to be freed with zx_layer_free(); null if memory for the record is short (not
+ *         recorded) or a tensor cannot be made (recorded by zx_tensor_create()).
+ */
+ZX_API zx_layer_t* zx_layer_embedding(uint32_t num_embeddings, uint32_t embedding_dim);
+
+/**
+ * Makes a dense layer: weights drawn with zx_rng_fill_he(in_features), bias zero.
+ *
+ * @param in_features   length of an input row; not 0.
+ * @param out_features  length of an output row; not 0.
+ * @param use_bias      whether the layer has a bias.
+ * @return as zx_layer_embedding().
+ */
+ZX_API zx_layer_t* zx_layer_dense(uint32_t in_features, uint32_t out_features, bool use_bias);
+
+/**
+ * Makes a batch-normalisation layer: scale and running variance 1, shift and running mean 0. It has
+ * no forward rule: the record is for hosts that normalise by themselves.
+ *
+ * @param num_features  length of a row; not 0.
+ * @return as zx_layer_embedding().
+ */
+ZX_API zx_layer_t* zx_layer_batch_norm(uint32_t num_features);
+
+/**
+ * Runs a layer over the host data of a tensor.
+ *
+ *  - Dense: a new [B x out_features] tensor, B being the input's first extent: each output is the
+ *    sum, in order, of weight * input, plus the bias if there is one. Elements are those of
+ *    zx_tensor_get_2d(), so an input of one axis counts as zeros.
+ *  - Dropout: when training, with a rate above 0, a new tensor: for each element in order one draw
+ *    u of zx_rng_uniform(); u >= rate keeps the element, times 1 / (1 - rate), else it becomes 0.
+ *    Otherwise the input itself, with a reference more.
+ *  - Activations: a new tensor of the same shape, element by element. Rectifier: a negative number
+ *    becomes 0. Leaky rectifier: a negative number is multiplied by alpha. GELU: (tanh(0.7978846 *
+ *    t) + 1) * 0.5 * x with t = (x * x) * (0.044715 * x) + x, in this grouping, so -infinity gives
+ *    a NaN. Logistic: 1 / (exp(-x) + 1). Hyperbolic tangent. All of them hand a NaN on.
+ *
+ * The layer's own training flag is not looked at.
+ *
+ * @param layer     the layer.
+ * @param input     the input; dense: [B x in_features].
+ * @param training  whether dropout drops.
+ * @return the output, to be released by the caller; null if layer or input is null (not recorded);
+ *         else null, recorded: ZX_ERR_INVALID_LAYER "Unknown layer type" for every other kind,
+ *         embeddings and batch normalisation included, deliberately; ZX_ERR_DIMENSION_MISMATCH
+ *         "Dense layer input dimension mismatch" if the input's second extent is not in_features;
+ *         or what zx_tensor_create() records, also for an input without elements.
+ *
+ * Threads: any number may run one layer; dropout advances the calling thread's generator.
+ * Method: Srivastava, Hinton, Krizhevsky, Sutskever, Salakhutdinov, "Dropout: A Simple Way to
+ * Prevent Neural Networks from Overfitting", JMLR 2014; Hendrycks, Gimpel, "Gaussian Error Linear
+ * Units", 2016, the tanh form.
+ */
+ZX_API zx_tensor_t* zx_layer_forward(const zx_layer_t* layer, zx_tensor_t* input, bool training);
+
+/** Frees a layer and releases its tensors; null is ignored. */
+ZX_API void zx_layer_free(zx_layer_t* layer);
+
+/* ---------------------------------------------------------------------------------------------- */
 /* Training and evaluation                                                                        */
 /* ---------------------------------------------------------------------------------------------- */
+
+/** Update rule of an optimiser. The value 4 has no meaning. */
+typedef uint32_t zx_optimizer_type_t;
+
+enum {
+    ZX_OPT_SGD = 0,          /**< stochastic gradient descent */
+    ZX_OPT_SGD_MOMENTUM = 1, /**< the same with momentum */
+    ZX_OPT_ADAM = 2,         /**< Adam */
+    ZX_OPT_ADAMW = 3,        /**< Adam with decoupled weight decay */
+    ZX_OPT_ALS = 5           /**< alternating least squares */
+};
+
+/** An update rule and its numbers, passed by value. What a rule does not use is 0. */
+typedef struct zx_optimizer_config_t {
+    zx_optimizer_type_t type; /**< update rule */
+    float learning_rate;      /**< step size; 0 for ALS, which has none */
+    float momentum;           /**< momentum coefficient */
+    uint8_t reserved_flag_1;  /**< 0; never read */
+    float beta1;              /**< first-moment decay; 0.9 for Adam and AdamW */
+    float beta2;              /**< second-moment decay; 0.999 for Adam and AdamW */
+    float epsilon;            /**< denominator guard; 1e-8 */
+    float weight_decay;       /**< decoupled weight decay */
+    float regularization;     /**< L2 weight */
+    uint32_t reserved_word;   /**< 0; never read */
+    uint8_t reserved_flag_2;  /**< 0; never read */
+} zx_optimizer_config_t;
+
+/**
+ * An optimiser: a configuration, a step counter and room for a state tensor per parameter tensor of
+ * a model. It keeps books and does not update: the updates are made by zx_model_train_step_bpr()
+ * and zx_model_train_als_epoch(), which take their numbers as arguments.
+ */
+typedef struct zx_optimizer_t {
+    zx_optimizer_config_t config; /**< copy of the configuration */
+    uint64_t step_count;          /**< calls of zx_optimizer_step() with both arguments */
+    zx_tensor_t** first_moment;   /**< [num_state] tensors the host may attach, all null at first;
+                                       owned, array and tensors; null when there is no array */
+    zx_tensor_t** second_moment;  /**< the same; with Adam and AdamW only */
+    uint32_t num_state;           /**< parameter tensors of the model: 4 with biases, else 2; 0 for
+                                       an optimiser without state */
+    uint32_t reserved_count;      /**< 0 */
+} zx_optimizer_t;
+
+/** Returns a configuration for stochastic gradient descent. Threads: any, here and below. */
+ZX_API zx_optimizer_config_t zx_optimizer_sgd(float learning_rate);
+
+/** Returns a configuration for stochastic gradient descent with momentum. */
+ZX_API zx_optimizer_config_t zx_optimizer_sgd_momentum(float learning_rate, float momentum);
+
+/** Returns a configuration for Adam (Kingma, Ba, ICLR 2015). */
+ZX_API zx_optimizer_config_t zx_optimizer_adam(float learning_rate);
+
+/** Returns a configuration for AdamW (Loshchilov, Hutter, ICLR 2019). */
+ZX_API zx_optimizer_config_t zx_optimizer_adamw(float learning_rate, float weight_decay);
+
+/** Returns a configuration for alternating least squares. */
+ZX_API zx_optimizer_config_t zx_optimizer_als(float regularization);
+
+/**
+ * Makes an optimiser. Its state arrays are made for the rules that keep state (momentum, Adam,
+ * AdamW) and an MF model; no state tensor is made.
+ *
+ * @param model   the model, only read during the call, or null for no state.
+ * @param config  the configuration; copied, not checked.
+ * @return the optimiser, to be freed with zx_optimizer_free(); null, nothing recorded, if memory
+ *         for it is short. A state array that cannot be had stays null, num_state being as with it,
+ *         and nothing tells.
+ *
+ * Threads: any; the model must not be released meanwhile.
+ */
+ZX_API zx_optimizer_t* zx_optimizer_create(const zx_model_t* model, zx_optimizer_config_t config);
+
+/** Frees an optimiser and releases the tensors in its state arrays; null is ignored. */
+ZX_API void zx_optimizer_free(zx_optimizer_t* optimizer);
+
+/**
+ * Counts a step and refuses it, deliberately: the model is never changed, and the message names the
+ * function that trains it.
+ *
+ * @return ZX_ERR_NULL_POINTER if optimizer or model is null (not recorded, not counted); else
+ *         ZX_ERR_MODEL_NOT_CONFIGURED (recorded, "Use zx_model_train_step_bpr for BPR training").
+ *
+ * Threads: an optimiser belongs to one thread at a time.
+ */
+ZX_API zx_status_t zx_optimizer_step(zx_optimizer_t* optimizer, zx_model_t* model);
+
+/** Does nothing: training applies its updates directly, and there are no gradients to clear. */
+ZX_API void zx_optimizer_zero_grad(zx_optimizer_t* optimizer);
+
+/** A loss function. The values 2 to 5 have no meaning. */
+typedef uint32_t zx_loss_type_t;
+
+enum {
+    ZX_LOSS_MSE = 0,        /**< mean squared error */
+    ZX_LOSS_BPR = 1,        /**< Bayesian personalised ranking */
+    ZX_LOSS_CONTRASTIVE = 6 /**< contrastive; can be configured, but not computed */
+};
+
+/** A loss function and its numbers, passed by value. */
+typedef struct zx_loss_config_t {
+    zx_loss_type_t type;   /**< loss function */
+    uint32_t reserved;     /**< 0; never read */
+    float margin;          /**< margin of the contrastive loss; 1 for the others */
+    uint8_t reserved_flag; /**< 1; never read */
+} zx_loss_config_t;
+
+/** Returns a configuration for the mean squared error. Threads: any, here and below. */
+ZX_API zx_loss_config_t zx_loss_mse(void);
+
+/** Returns a configuration for the BPR loss. */
+ZX_API zx_loss_config_t zx_loss_bpr(void);
+
+/** Returns a configuration for the contrastive loss. */
+ZX_API zx_loss_config_t zx_loss_contrastive(float margin);
+
+/**
+ * Computes the mean loss between two tensors, from their host data, as flat arrays of n elements
+ * whatever their shapes.
+ *
+ *  - MSE: the mean of (a[i] - b[i])^2.
+ *  - BPR: the mean of -ln sigmoid(x), x = a[i] - b[i], taken as 0 above x = 35 and as -x below -35;
+ *    a holds the scores of positive items, b those of negative ones.
+ *
+ * Terms are added in order, in single precision.
+ *
+ * @param a, b  tensors of n elements each.
+ * @return the loss; a NaN when n is 0, deliberately; 0 if a or b is null or their numbers of
+ *         elements differ (not recorded), which looks like a perfect fit; 0, before anything else
+ *         is looked at, for any other loss function (recorded, ZX_ERR_INVALID_ARGUMENT "Unknown
+ *         loss type").
+ *
+ * Threads: any number may read the tensors.
+ */
+ZX_API float zx_loss_compute(zx_loss_config_t config, const zx_tensor_t* a, const zx_tensor_t* b);
+
+/**
+ * Computes the loss as zx_loss_compute() does and, for MSE only, its gradient with respect to a:
+ * grad[i] = (a[i] - b[i]) * (2 / n).
+ *
+ * @param grad  receives the gradient in its host data, which must hold n floats or more: its size
+ *              is not checked, and which of its copies counts as current does not change. May be
+ *              null; must not be a or b. Untouched for other loss functions and where the result
+ *              is 0 for lack of two tensors of one size.
+ * @return as zx_loss_compute().
+ *
+ * Threads: as zx_loss_compute(); nothing else may use grad meanwhile.
+ */
+ZX_API float zx_loss_backward(zx_loss_config_t config, const zx_tensor_t* a, const zx_tensor_t* b,
+                              zx_tensor_t* grad);
 
 /**
  * Runs one pass of Bayesian personalised ranking (BPR) updates over a batch of triples, in order.

@@ -1,7 +1,8 @@
 /*
  * A host in plain C that knows the public header and the installed library only. It goes once
- * through everything: the engine, tensors, a sparse matrix, a small model trained in both ways,
- * recommendations, evaluation, a file and back. It stops at the first thing that is wrong.
+ * through everything: the engine, tensors, a pool, layers, losses, a sparse matrix, a small model
+ * trained in both ways, recommendations, evaluation, a file and back. It stops at the first thing
+ * that is wrong.
  */
 #include "zorvex.h"
 
@@ -97,6 +98,68 @@ static void test_tensors(void) {
     block = zx_realloc_aligned(block, 40, 80);
     EXPECT(block != NULL);
     zx_free_aligned(block);
+}
+
+static void test_pool(void) {
+    zx_pool_t* pool = zx_pool_create(0);
+    EXPECT(pool != NULL && pool->block_size == 1048576);
+    const char* first = zx_pool_alloc(pool, 1);
+    const char* second = zx_pool_alloc(pool, 1);
+    EXPECT(first != NULL && second == first + 16);
+    zx_pool_reset(pool);
+    EXPECT(zx_pool_alloc(pool, 1) == first);
+    zx_pool_destroy(pool);
+}
+
+static void test_layers(void) {
+    zx_layer_t* dense = zx_layer_dense(3, 2, true);
+    zx_layer_t* relu = zx_layer_activation(ZX_ACT_RELU);
+    zx_layer_t* dropout = zx_layer_dropout(0.5f);
+    EXPECT(dense != NULL && relu != NULL && dropout != NULL);
+    EXPECT(dense->params.dense.in_features == 3 && zx_tensor_dim(dense->weight, 0) == 2);
+    zx_tensor_t* input = zx_tensor_rand_uniform(4, 3, -1.0f, 1.0f);
+    zx_tensor_t* hidden = zx_layer_forward(dense, input, true);
+    EXPECT(hidden != NULL && zx_tensor_dim(hidden, 0) == 4 && zx_tensor_dim(hidden, 1) == 2);
+    zx_tensor_t* output = zx_layer_forward(relu, hidden, true);
+    EXPECT(output != NULL && zx_tensor_size(output) == 8);
+    for (int i = 0; i < 8; ++i) EXPECT(zx_tensor_data(output)[i] >= 0.0f);
+    EXPECT(zx_layer_forward(dropout, output, false) == output);
+    zx_tensor_release(output);
+    zx_tensor_release(output);
+    EXPECT(zx_layer_forward(dense, hidden, true) == NULL);
+    EXPECT(zx_get_last_error() == ZX_ERR_DIMENSION_MISMATCH);
+    zx_clear_error();
+    zx_tensor_release(hidden);
+    zx_tensor_release(input);
+    zx_layer_free(dropout);
+    zx_layer_free(relu);
+    zx_layer_free(dense);
+}
+
+static void test_optimizer_and_losses(void) {
+    zx_model_t* model = zx_model_mf_create(NUM_USERS, NUM_ITEMS, DIM, true);
+    zx_optimizer_t* optimizer = zx_optimizer_create(model, zx_optimizer_adamw(0.01f, 0.05f));
+    EXPECT(optimizer != NULL && optimizer->num_state == 4);
+    EXPECT(optimizer->config.type == ZX_OPT_ADAMW && optimizer->config.weight_decay == 0.05f);
+    EXPECT(zx_optimizer_step(optimizer, model) == ZX_ERR_MODEL_NOT_CONFIGURED);
+    EXPECT(optimizer->step_count == 1);
+    zx_clear_error();
+    zx_optimizer_free(optimizer);
+    zx_model_release(model);
+
+    float a[2] = {1.0f, 3.0f};
+    float b[2] = {0.0f, 0.0f};
+    float slopes[2] = {0.0f, 0.0f};
+    const uint32_t two = 2;
+    zx_tensor_t* predicted = zx_tensor_wrap(a, 1, &two);
+    zx_tensor_t* wanted = zx_tensor_wrap(b, 1, &two);
+    zx_tensor_t* grad = zx_tensor_wrap(slopes, 1, &two);
+    EXPECT(zx_loss_backward(zx_loss_mse(), predicted, wanted, grad) == 5.0f);
+    EXPECT(slopes[0] == 1.0f && slopes[1] == 3.0f);
+    EXPECT(fabsf(zx_loss_compute(zx_loss_bpr(), wanted, wanted) - 0.6931472f) < 1e-6f);
+    zx_tensor_release(grad);
+    zx_tensor_release(wanted);
+    zx_tensor_release(predicted);
 }
 
 /* What the users like, as a matrix with a row per user. */
@@ -222,6 +285,9 @@ int main(void) {
     test_status_and_errors();
     test_engine_start();
     test_tensors();
+    test_pool();
+    test_layers();
+    test_optimizer_and_losses();
     zx_sparse_t* matrix = make_interactions();
     test_bpr(matrix);
     test_als(matrix);

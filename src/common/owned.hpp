@@ -23,6 +23,9 @@ struct SparseRelease {
 struct ModelRelease {
     void operator()(zx_model_t* model) const { zx_model_release(model); }
 };
+struct LayerFree {
+    void operator()(zx_layer_t* layer) const { zx_layer_free(layer); }
+};
 struct InteractionsFree {
     void operator()(zx_interactions_t* set) const { zx_interactions_free(set); }
 };
@@ -40,6 +43,7 @@ using AlignedPtr = std::unique_ptr<T, AlignedFree>;
 using TensorPtr = std::unique_ptr<zx_tensor_t, TensorRelease>;
 using SparsePtr = std::unique_ptr<zx_sparse_t, SparseRelease>;
 using ModelPtr = std::unique_ptr<zx_model_t, ModelRelease>;
+using LayerPtr = std::unique_ptr<zx_layer_t, LayerFree>;
 using InteractionsPtr = std::unique_ptr<zx_interactions_t, InteractionsFree>;
 using BufferPtr = std::unique_ptr<zx_buffer_t, BufferRelease>;
 using File = std::unique_ptr<std::FILE, FileClose>;

@@ -44,6 +44,7 @@ struct Vector {
     static unsigned greater_mask(Floats v, Floats t) {
         return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, t, _CMP_GT_OQ)));
     }
+    static Floats greater_or_second(Floats a, Floats b) { return _mm256_max_ps(a, b); }
 };
 
 }  // namespace
@@ -61,6 +62,7 @@ const Operations kAvx2Operations = {
     .find_greater = find_greater,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
+    .relu = relu,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

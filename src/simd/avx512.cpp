@@ -46,6 +46,7 @@ struct Vector {
     static unsigned greater_mask(Floats v, Floats t) {
         return _mm512_cmp_ps_mask(v, t, _CMP_GT_OQ);
     }
+    static Floats greater_or_second(Floats a, Floats b) { return _mm512_max_ps(a, b); }
 };
 
 }  // namespace
@@ -63,6 +64,7 @@ const Operations kAvx512Operations = {
     .find_greater = find_greater,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
+    .relu = relu,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

@@ -56,6 +56,10 @@ void bpr_update(float* w, float* p, float* n, size_t d, float decay, float g) {
     }
 }
 
+void relu(float* x, size_t count) {
+    for (size_t k = 0; k < count; ++k) x[k] = 0.0f > x[k] ? 0.0f : x[k];
+}
+
 void add_scaled(float* out, const float* x, float factor, size_t d) {
     for (size_t k = 0; k < d; ++k) out[k] += x[k] * factor;
 }
@@ -89,6 +93,7 @@ const Operations kScalarOperations = {
     .find_greater = find_greater,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
+    .relu = relu,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

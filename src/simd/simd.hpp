@@ -53,6 +53,9 @@ struct Operations {
     //   * w
     void (*bpr_update)(float* w, float* p, float* n, size_t d, float decay, float g);
 
+    // x[k] = 0 where it is negative. Minus zero and a NaN stay.
+    void (*relu)(float* x, size_t count);
+
     // ---- Second group: fused where the processor can. ----
 
     // out[k] += x[k] * factor.

@@ -243,5 +243,44 @@ TEST(SimdBprUpdate, GivesTheStatedBits) {
     }
 }
 
+TEST(SimdRelu, ClearsWhatIsNegativeAndNothingElse) {
+    RandomNumbers random(6);
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (std::size_t count = 0; count <= kMaxLength; ++count) {
+            const std::vector<float> values = random.floats(count, -1, 1);
+            // One more number than is asked for, which must stay.
+            Shifted x(values, count % 4);
+            x.storage.push_back(kGuard);
+            x.begin = x.storage.data() + count % 4;
+            std::vector<float> expected = values;
+            for (float& value : expected) value = value < 0.0f ? 0.0f : value;
+            expected.push_back(kGuard);
+            ops->relu(x.begin, count);
+            EXPECT_TRUE(same_numbers(x.begin, expected.data(), count + 1)) << count;
+        }
+    }
+}
+
+TEST(SimdRelu, KeepsNaNAndMinusZero) {
+    const struct {
+        float value, expected;
+    } cases[] = {{kNaN, kNaN},           {-kNaN, kNaN}, {-0.0f, -0.0f},    {0.0f, 0.0f},
+                 {kInfinity, kInfinity}, {-1.5f, 0.0f}, {-kInfinity, 0.0f}};
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (const auto& c : cases) {
+            for (std::size_t place = 0; place < 37; ++place) {
+                std::vector<float> x(37, 1.0f);
+                x[place] = c.value;
+                std::vector<float> expected(37, 1.0f);
+                expected[place] = c.expected;
+                ops->relu(x.data(), x.size());
+                EXPECT_TRUE(same_numbers(x, expected)) << c.value << " at " << place;
+            }
+        }
+    }
+}
+
 }  // namespace
 }  // namespace zx::test
