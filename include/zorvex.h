@@ -1680,6 +1680,174 @@ ZX_API zx_status_t zx_model_save(const zx_model_t* model, const char* path);
  */
 ZX_API zx_model_t* zx_model_load(const char* path);
 
+/**
+ * Writes one tensor's host data to a tensor file: 512 bytes that hold its shape, then the elements.
+ * Writing is not tested, deliberately: a full disk leaves a short file, and ZX_OK.
+ *
+ * @param tensor  any shape; a tensor that is current on the device is brought back by the caller.
+ * @param path    the file; created or overwritten.
+ * @param name    kept in the file, cut to its first 255 characters; may be null.
+ * @return ZX_OK; else, recorded, ZX_ERR_NULL_POINTER "NULL tensor or path" or, if a tensor with
+ *         elements has no host data, "NULL tensor data"; ZX_ERR_FILE_OPEN "Failed to open file".
+ *
+ * Threads: the tensor must not be written during the call.
+ */
+ZX_API zx_status_t zx_tensor_save(const zx_tensor_t* tensor, const char* path, const char* name);
+
+/**
+ * Reads the first tensor of a tensor file or of a model file. Reading is not tested, deliberately:
+ * elements that the file does not give are 0. Nothing in a file makes the library read or write
+ * outside its memory; the extents in it decide how much memory the tensor takes.
+ *
+ * @param path  the file.
+ * @return the tensor, owned by the caller; else null, recorded: ZX_ERR_NULL_POINTER "NULL path";
+ *         ZX_ERR_FILE_OPEN "Failed to open file"; ZX_ERR_DATA_CORRUPTED "Invalid magic" (also when
+ *         the file is too short for one); ZX_ERR_FILE_READ "Failed to read tensor data" (the data
+ *         is longer than the tensor); or what zx_tensor_create() records for the shape.
+ *
+ * Threads: any.
+ */
+ZX_API zx_tensor_t* zx_tensor_load(const char* path);
+
+/**
+ * Writes one tensor's host data to a file that holds nothing else: the elements as 32-bit floats,
+ * row-major, little-endian. Arguments, results and threads as zx_tensor_save(); writing is not
+ * tested either.
+ */
+ZX_API zx_status_t zx_tensor_to_raw(const zx_tensor_t* tensor, const char* path);
+
+/**
+ * Reads a tensor whose shape the caller knows from a file of floats. What follows the last element
+ * is ignored.
+ *
+ * @param path  the file.
+ * @param ndim  number of axes, 1 to 4.
+ * @param dims  [ndim] extents, slowest first.
+ * @return the tensor, owned by the caller; else null, recorded: ZX_ERR_NULL_POINTER "NULL path or
+ *         dims"; ZX_ERR_FILE_OPEN "Failed to open file"; what zx_tensor_create() records for the
+ *         shape; ZX_ERR_FILE_READ "Incomplete read" (the file is shorter than the shape).
+ *
+ * Threads: any.
+ */
+ZX_API zx_tensor_t* zx_tensor_from_raw(const char* path, uint32_t ndim, const uint32_t* dims);
+
+/**
+ * Writes one tensor's host data as a NumPy array file (".npy", version 1.0): little-endian 32-bit
+ * floats, C order, which numpy.load() reads as an array of the same shape. Writing is not tested,
+ * deliberately: a full disk leaves a short file, and ZX_OK.
+ *
+ * @param tensor  any shape; a tensor that is current on the device is brought back by the caller.
+ * @param path    the file; created or overwritten.
+ * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL tensor or path"; ZX_ERR_INVALID_ARGUMENT
+ *         "Invalid tensor dimensions" (a record made by hand with more than four axes);
+ *         ZX_ERR_NULL_POINTER "NULL tensor data" (elements, but no host data); ZX_ERR_FILE_OPEN
+ *         "Failed to open file".
+ *
+ * Threads: the tensor must not be written during the call.
+ * Method: the file format is NumPy's, see numpy.lib.format in its manual.
+ */
+ZX_API zx_status_t zx_tensor_to_npy(const zx_tensor_t* tensor, const char* path);
+
+/**
+ * Writes an MF model's two embedding tables as user_embeddings.npy and item_embeddings.npy, each as
+ * zx_tensor_to_npy(), and says so on standard output, at the verbosity of information lines. The
+ * biases are not written. A failure leaves what was written so far.
+ *
+ * @param dir  the directory for both; made, with mode 0755, if nothing of that name exists. A path
+ *             of a file in it is cut to 511 characters, deliberately.
+ * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path"; ZX_ERR_FILE_OPEN "Failed
+ *         to create directory"; ZX_ERR_MODEL_TYPE_MISMATCH "Unknown model type" (the directory is
+ *         there by then); or what zx_tensor_to_npy() records.
+ *
+ * Threads: the model must not be trained during the call.
+ */
+ZX_API zx_status_t zx_model_to_npy_dir(const zx_model_t* model, const char* dir);
+
+/**
+ * Writes tensors' host data as one safetensors file, in the order of the list, every one as "F32".
+ * Writing is not tested, deliberately: a full disk leaves a short file, and ZX_OK.
+ *
+ * @param tensors  [count] tensors of any shape; borrowed. A null one is skipped, but the comma
+ *                 behind it stays, deliberately: a list that begins with one makes a header that is
+ *                 no JSON. One without host data is announced and not written, so that later data
+ *                 shift.
+ * @param names    [count] their names, written without escaping; may be null where the tensor is.
+ * @param count    length of both lists, at least 1.
+ * @param path     the file; created or overwritten.
+ * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "Invalid arguments" (also when count is 0 or a
+ *         tensor has no name); ZX_ERR_INVALID_ARGUMENT "Invalid tensor dimensions" (a record made
+ *         by hand with more than four axes); ZX_ERR_FILE_OPEN "Failed to open file";
+ *         ZX_ERR_OUT_OF_MEMORY "Failed to allocate header" (an empty file is left).
+ *
+ * Threads: the tensors must not be written during the call.
+ * Method: the file format is described in the README of the safetensors project.
+ */
+ZX_API zx_status_t zx_tensors_to_safetensors(zx_tensor_t* const* tensors, const char* const* names,
+                                             uint32_t count, const char* path);
+
+/**
+ * Writes an MF model's tables and biases as one safetensors file and says so on standard output, at
+ * the verbosity of information lines. The tensors, those of them that exist, are "user_embeddings",
+ * "item_embeddings", "user_biases" and "item_biases"; the global bias is not written.
+ *
+ * @param path  the file; created or overwritten.
+ * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path";
+ *         ZX_ERR_MODEL_TYPE_MISMATCH "Unknown model type"; or what zx_tensors_to_safetensors()
+ *         records, which for a model without any tensor is "Invalid arguments".
+ *
+ * Threads: the model must not be trained during the call.
+ */
+ZX_API zx_status_t zx_model_to_safetensors(const zx_model_t* model, const char* path);
+
+/**
+ * Describes a model as a JSON text file: format, type, name, sizes, number of parameters, and, for
+ * an MF model, the shapes of its embedding tables. The name is written without escaping. Writing is
+ * not tested, deliberately.
+ *
+ * @param path  the file; created or overwritten.
+ * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path"; ZX_ERR_FILE_OPEN "Failed
+ *         to open file".
+ *
+ * Threads: the model must not be trained during the call.
+ */
+ZX_API zx_status_t zx_model_metadata_json(const zx_model_t* model, const char* path);
+
+/**
+ * Describes what scoring takes and gives as a JSON text file, the same for every model and every
+ * kind of model. Path, results and threads as zx_model_metadata_json(); writing is not tested
+ * either.
+ */
+ZX_API zx_status_t zx_model_to_json_schema(const zx_model_t* model, const char* path);
+
+/** Format of a file. */
+typedef uint32_t zx_format_t;
+
+enum {
+    ZX_FORMAT_UNKNOWN = 0,     /**< none of these */
+    ZX_FORMAT_NATIVE = 1,      /**< model file, ".zxm" */
+    ZX_FORMAT_NPY = 2,         /**< NumPy array, ".npy" */
+    ZX_FORMAT_SAFETENSORS = 3, /**< safetensors, ".safetensors" */
+    ZX_FORMAT_RAW = 4,         /**< floats and nothing else, ".bin" or ".raw" */
+    ZX_FORMAT_JSON = 5         /**< JSON text, ".json" */
+};
+
+/**
+ * Tells a file's format from its name or else from its first eight bytes. A name that ends in an
+ * extension of the list above, in lower case, decides without a look at the file, which need not
+ * exist. First bytes tell model files, NumPy arrays and, by "{", JSON; safetensors files begin with
+ * a number and are told by their name only.
+ *
+ * @return the format; ZX_FORMAT_UNKNOWN, nothing recorded, if path is null, the file cannot be read
+ *         or is shorter than eight bytes, or neither name nor bytes are known.
+ *
+ * Threads: any.
+ */
+ZX_API zx_format_t zx_detect_format(const char* path);
+
+/** Returns a format's extension, such as ".npy", or "" for any other value; ".bin" for raw files.
+ *  Static text, never null. Threads: any. */
+ZX_API const char* zx_format_extension(zx_format_t format);
+
 #ifdef __cplusplus
 }
 #endif

@@ -13,7 +13,7 @@ if [ "${1:-build}" = test ]; then
     packages+=(
         libbenchmark-dev libgmock-dev libgtest-dev pocl-opencl-icd
         clang clang-format clang-tidy g++-aarch64-linux-gnu
-        binutils git python3 valgrind
+        binutils git python3 python3-numpy python3-venv valgrind
     )
 fi
 
