@@ -69,13 +69,13 @@ Triples make_zipf_triples() {
 }  // namespace
 
 const zx_sparse_t& zipf_interactions() {
-    static const SparsePtr kMatrix = make_zipf_interactions();
-    return *kMatrix;
+    static const SparsePtr matrix = make_zipf_interactions();
+    return *matrix;
 }
 
 const Triples& zipf_triples() {
-    static const Triples kTriples = make_zipf_triples();
-    return kTriples;
+    static const Triples triples = make_zipf_triples();
+    return triples;
 }
 
 Triples uniform_triples(std::uint32_t num_users, std::uint32_t num_items, std::size_t count) {
