@@ -44,7 +44,13 @@ struct Vector {
     static unsigned greater_mask(Floats v, Floats t) {
         return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, t, _CMP_GT_OQ)));
     }
-    static Floats greater_or_second(Floats a, Floats b) { return _mm256_max_ps(a, b); }
+    static Floats clear_negative(Floats v) {
+        const __m256i bits = _mm256_castps_si256(v);
+        const __m256i place = _mm256_sub_epi32(bits, _mm256_set1_epi32(zx::simd::kFirstNegative));
+        const __m256i within = _mm256_min_epu32(place, _mm256_set1_epi32(zx::simd::kNegativeSpan));
+        const __m256i negative = _mm256_cmpeq_epi32(within, place);
+        return _mm256_castsi256_ps(_mm256_andnot_si256(negative, bits));
+    }
 };
 
 }  // namespace

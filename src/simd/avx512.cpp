@@ -46,7 +46,13 @@ struct Vector {
     static unsigned greater_mask(Floats v, Floats t) {
         return _mm512_cmp_ps_mask(v, t, _CMP_GT_OQ);
     }
-    static Floats greater_or_second(Floats a, Floats b) { return _mm512_max_ps(a, b); }
+    static Floats clear_negative(Floats v) {
+        const __m512i place =
+            _mm512_sub_epi32(_mm512_castps_si512(v), _mm512_set1_epi32(zx::simd::kFirstNegative));
+        const __mmask16 kept =
+            _mm512_cmpgt_epu32_mask(place, _mm512_set1_epi32(zx::simd::kNegativeSpan));
+        return _mm512_maskz_mov_ps(kept, v);
+    }
 };
 
 }  // namespace

@@ -57,7 +57,7 @@ void bpr_update(float* w, float* p, float* n, size_t d, float decay, float g) {
 }
 
 void relu(float* x, size_t count) {
-    for (size_t k = 0; k < count; ++k) x[k] = 0.0f > x[k] ? 0.0f : x[k];
+    for (size_t k = 0; k < count; ++k) x[k] = is_negative(x[k]) ? 0.0f : x[k];
 }
 
 void add_scaled(float* out, const float* x, float factor, size_t d) {

@@ -21,6 +21,17 @@ inline constexpr size_t kPairBatch = 16;
 // Matrices of the second group have rows of whole vectors, this many floats or a multiple of it.
 inline constexpr size_t kRowUnit = 16;
 
+// The bits of the numbers below 0: from the smallest denormal to minus infinity.
+inline constexpr int32_t kFirstNegative = INT32_MIN + 1;
+inline constexpr int32_t kNegativeSpan = 0x7f7fffff;
+
+// Whether x is below 0, by its bits: a comparison would take denormals for zeros, in some
+// instructions and not in others.
+static inline bool is_negative(float x) {
+    const uint32_t place = __builtin_bit_cast(uint32_t, x) - static_cast<uint32_t>(kFirstNegative);
+    return place <= static_cast<uint32_t>(kNegativeSpan);
+}
+
 struct Operations {
     const char* name;
     bool fused;  // whether the second group fuses multiplications and additions
@@ -53,7 +64,7 @@ struct Operations {
     //   * w
     void (*bpr_update)(float* w, float* p, float* n, size_t d, float decay, float g);
 
-    // x[k] = 0 where it is negative. Minus zero and a NaN stay.
+    // x[k] = 0 where is_negative(). Minus zero, a NaN and positive denormals stay.
     void (*relu)(float* x, size_t count);
 
     // ---- Second group: fused where the processor can. ----

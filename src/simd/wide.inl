@@ -15,7 +15,7 @@
 //   fold_quads(v, out)       ((s0 + s2) + (s1 + s3)) of every group, kQuads results
 //   sum_16(lo or whole)      see dot_two in simd.hpp
 //   greater_mask(v, t)       a bit for each lane that is greater
-//   greater_or_second(a, b)  a where it is greater than b, else b, a NaN included
+//   clear_negative(v)        0 where is_negative(), see simd.hpp, else the lane as it is
 
 namespace {
 
@@ -167,11 +167,11 @@ void bpr_update(float* w, float* p, float* n, size_t d, float decay, float g) {
 }
 
 void relu(float* x, size_t count) {
-    const Floats zero = Vector::zero();
     size_t k = 0;
     for (; k + Vector::kLanes <= count; k += Vector::kLanes)
-        Vector::store(x + k, Vector::greater_or_second(zero, Vector::load(x + k)));
-    for (; k < count; ++k) x[k] = 0.0f > x[k] ? 0.0f : x[k];
+        Vector::store(x + k, Vector::clear_negative(Vector::load(x + k)));
+    for (; k < count; ++k)
+        if (zx::simd::is_negative(x[k])) x[k] = 0.0f;
 }
 
 void add_scaled(float* out, const float* x, float factor, size_t d) {

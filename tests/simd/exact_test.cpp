@@ -7,7 +7,9 @@
 #include "variants.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <gtest/gtest.h>
+#include <limits>
 #include <vector>
 
 namespace zx::test {
@@ -15,6 +17,8 @@ namespace {
 
 constexpr float kGuard = -12345.5f;
 constexpr std::size_t kMaxLength = 67;
+constexpr float kSmallest = std::numeric_limits<float>::denorm_min();
+constexpr float kDenormal = std::bit_cast<float>(0x007fffffu);  // the largest of them
 
 // Starts `shift` floats behind whatever boundary the vector has, and ends exactly with the data,
 // so that a checker of memory sees a read past it.
@@ -262,11 +266,13 @@ TEST(SimdRelu, ClearsWhatIsNegativeAndNothingElse) {
     }
 }
 
-TEST(SimdRelu, KeepsNaNAndMinusZero) {
+TEST(SimdRelu, KeepsNaNAndMinusZeroAndTellsDenormalsApart) {
     const struct {
         float value, expected;
-    } cases[] = {{kNaN, kNaN},           {-kNaN, kNaN}, {-0.0f, -0.0f},    {0.0f, 0.0f},
-                 {kInfinity, kInfinity}, {-1.5f, 0.0f}, {-kInfinity, 0.0f}};
+    } cases[] = {{kNaN, kNaN},           {-kNaN, kNaN},          {-0.0f, -0.0f},
+                 {0.0f, 0.0f},           {kInfinity, kInfinity}, {-1.5f, 0.0f},
+                 {-kInfinity, 0.0f},     {kDenormal, kDenormal}, {-kDenormal, 0.0f},
+                 {kSmallest, kSmallest}, {-kSmallest, 0.0f}};
     for (const simd::Operations* ops : variants()) {
         SCOPED_TRACE(ops->name);
         for (const auto& c : cases) {
