@@ -42,7 +42,9 @@ void* zx_pool_alloc(zx_pool_t* pool, uint64_t size) {
     const std::uint64_t rounded = (size + (kGranule - 1)) / kGranule * kGranule;
 
     zx_pool_block_t* const current = pool->current_block;
-    if (current && rounded <= current->capacity - current->used) {
+    // The record is public: more may seem used than there is.
+    if (current && current->used <= current->capacity &&
+        rounded <= current->capacity - current->used) {
         unsigned char* const taken = payload(current) + current->used;
         current->used += rounded;
         return taken;

@@ -266,6 +266,21 @@ TEST_F(Pool, RefusesSizesThatOverflow) {
     }
 }
 
+TEST_F(Pool, StartsABlockWhereMoreSeemsUsedThanThereIs) {
+    const PoolPtr pool(zx_pool_create(64));
+    ASSERT_NE(zx_pool_alloc(pool.get(), 16), nullptr);
+    zx_pool_block_t* const first = pool->current_block;
+    for (const std::uint64_t used : {std::uint64_t{80}, UINT64_MAX}) {
+        SCOPED_TRACE(used);
+        pool->current_block->used = used;
+        const void* const taken = zx_pool_alloc(pool.get(), 16);
+        EXPECT_EQ(taken, payload(pool->current_block));
+        EXPECT_NE(pool->current_block, first);
+        expect_block(pool->current_block, 64, 16);
+    }
+    EXPECT_EQ(chain_length(*pool), 3u);
+}
+
 TEST_F(Pool, RefusesASizeThatOverflowsBesideWhatIsUsed) {
     const PoolPtr pool(zx_pool_create(64));
     ASSERT_NE(zx_pool_alloc(pool.get(), 32), nullptr);
