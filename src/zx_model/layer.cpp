@@ -26,12 +26,21 @@ void fill_with_ones(zx_tensor_t& tensor) {
     std::fill_n(tensor.data, tensor.size, 1.0f);
 }
 
-// Through the element accessors, which keep within the tensors whatever their shapes.
+// Whether the element accessors keep within a tensor: a wrapped one may have extents and no
+// elements to go with them. What is not there is read as 0.
+bool holds_its_rows(const zx_tensor_t* tensor) {
+    return !tensor || std::uint64_t{tensor->dims[0]} * tensor->dims[1] <= tensor->size;
+}
+
+// Element by element through the accessors, which take whatever shape the tensors have.
 zx_tensor_t* dense(const zx_layer_t& layer, const zx_tensor_t& input) {
     const zx_dense_params_t& params = layer.params.dense;
-    if (params.in_features != input.dims[1])
+    if (params.in_features != input.dims[1] || !holds_its_rows(&input) ||
+        !holds_its_rows(layer.weight))
         return kModule.fail_null(ZX_ERR_DIMENSION_MISMATCH, "Dense layer input dimension mismatch");
     const std::uint32_t batch = input.dims[0];
+    const float* const bias = zx_tensor_data(layer.bias);
+    const std::uint64_t biased = bias ? zx_tensor_size(layer.bias) : 0;
     zx_tensor_t* const output = zx_tensor_create_2d(batch, params.out_features);
     if (!output) return nullptr;
     for (std::uint32_t b = 0; b < batch; ++b) {
@@ -39,7 +48,7 @@ zx_tensor_t* dense(const zx_layer_t& layer, const zx_tensor_t& input) {
             float sum = 0.0f;
             for (std::uint32_t k = 0; k < params.in_features; ++k)
                 sum += zx_tensor_get_2d(layer.weight, o, k) * zx_tensor_get_2d(&input, b, k);
-            if (o < zx_tensor_size(layer.bias)) sum += layer.bias->data[o];
+            if (o < biased) sum += bias[o];
             (void)zx_tensor_set_2d(output, b, o, sum);
         }
     }

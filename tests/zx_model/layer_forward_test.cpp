@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <limits>
+#include <utility>
 #include <vector>
 
 namespace zx::test {
@@ -148,6 +149,69 @@ TEST(LayerForwardDense, TakesAnInputOfOneAxisForZeros) {
     const TensorPtr output = forward(layer, input);
     ASSERT_NE(output, nullptr);
     EXPECT_TRUE(same_numbers(contents(output.get()), {0.5f, -0.5f, 0.5f, -0.5f, 0.5f, -0.5f}));
+}
+
+TEST(LayerForwardDense, RefusesExtentsThatTheElementsDoNotFill) {
+    float one = 1.0f;
+    const std::uint32_t hollow[3] = {64, 3, 0};
+    const std::uint32_t wrapping[4] = {64, 3, UINT32_MAX, UINT32_MAX};
+    const std::uint32_t flat[1] = {3};
+    const LayerPtr layer(zx_layer_dense(3, 2, true));
+    const auto expect_refused = [](const LayerPtr& refusing, const TensorPtr& input) {
+        plant_record();
+        EXPECT_EQ(forward(refusing, input), nullptr);
+        expect_recorded(304, "src/zx_model", "Dense layer input dimension mismatch");
+    };
+    expect_refused(layer, TensorPtr(zx_tensor_wrap(&one, 3, hollow)));
+    expect_refused(layer, TensorPtr(zx_tensor_wrap(&one, 4, wrapping)));
+    expect_refused(layer, TensorPtr(zx_tensor_wrap(&one, 1, flat)));  // its second extent is 0
+
+    const TensorPtr input = matrix_of(2, 3, {1, 2, 3, 4, 5, 6});
+    zx_tensor_release(layer->weight);
+    layer->weight = zx_tensor_wrap(&one, 3, hollow);
+    expect_refused(layer, input);
+}
+
+TEST(LayerForwardDense, ComparesTheWidthsBeforeItMakesAnOutput) {
+    float one = 1.0f;
+    const std::uint32_t dims[2] = {0, 5};
+    const LayerPtr layer(zx_layer_dense(3, 2, true));
+    plant_record();
+    EXPECT_EQ(forward(layer, TensorPtr(zx_tensor_wrap(&one, 2, dims))), nullptr);
+    expect_recorded(304, "src/zx_model", "Dense layer input dimension mismatch");
+}
+
+TEST(LayerForwardDense, TakesTensorsWithoutDataForZeros) {
+    const LayerPtr layer(zx_layer_dense(2, 2, true));
+    fill(layer->weight, {1, 2, 3, 4});
+    fill(layer->bias, {0.5f, 0.25f});
+    const std::uint32_t dims[2] = {1, 2};
+    std::vector<float> values = {1, 1};
+    const TensorPtr input(zx_tensor_wrap(values.data(), 2, dims));
+    layer->bias->owns_data = 0;
+    float* const bias = std::exchange(layer->bias->data, nullptr);
+    const TensorPtr unbiased = forward(layer, input);
+    ASSERT_NE(unbiased, nullptr);
+    EXPECT_TRUE(same_numbers(contents(unbiased.get()), {3, 7}));
+
+    layer->bias->owns_data = 1;
+    layer->bias->data = bias;
+    input->data = nullptr;
+    const TensorPtr output = forward(layer, input);
+    ASSERT_NE(output, nullptr);
+    EXPECT_TRUE(same_numbers(contents(output.get()), {0.5f, 0.25f}));
+}
+
+TEST(LayerForwardDense, ReadsTheHostDataOfWhatIsOnTheDevice) {
+    const LayerPtr layer(zx_layer_dense(2, 1, false));
+    fill(layer->weight, {1, 10});
+    const TensorPtr input = matrix_of(1, 2, {3, 4});
+    input->on_device = 1;
+    const TensorPtr output = forward(layer, input);
+    ASSERT_NE(output, nullptr);
+    EXPECT_TRUE(same_numbers(contents(output.get()), {43}));
+    EXPECT_EQ(output->on_device, 0);
+    EXPECT_EQ(input->on_device, 1);
 }
 
 TEST(LayerForwardDense, ReadsTheFirstTwoAxesOfAnInputOfMore) {
