@@ -51,50 +51,50 @@ extern "C" {
 /* Status codes, the error record, verbosity                                                      */
 /* ---------------------------------------------------------------------------------------------- */
 
-/** A result: ZX_OK, or one of the codes below, grouped by hundreds. */
+/** A result: ZX_OK, or one of the codes below, grouped by hundreds; behind each its text. */
 typedef int32_t zx_status_t;
 
 enum {
-    ZX_OK = 0,
+    ZX_OK = 0, /**< "Success" */
 
-    ZX_ERR_UNKNOWN = 1,
-    ZX_ERR_INVALID_ARGUMENT = 2,
-    ZX_ERR_NULL_POINTER = 3,
-    ZX_ERR_INDEX_OUT_OF_BOUNDS = 4,
-    ZX_ERR_OVERFLOW = 5,
+    ZX_ERR_UNKNOWN = 1,             /**< "Unknown error" */
+    ZX_ERR_INVALID_ARGUMENT = 2,    /**< "Invalid argument" */
+    ZX_ERR_NULL_POINTER = 3,        /**< "Null pointer" */
+    ZX_ERR_INDEX_OUT_OF_BOUNDS = 4, /**< "Index out of bounds" */
+    ZX_ERR_OVERFLOW = 5,            /**< "Arithmetic overflow" */
 
-    ZX_ERR_OUT_OF_MEMORY = 100,
-    ZX_ERR_ALLOCATION_FAILED = 101,
-    ZX_ERR_BUFFER_TOO_SMALL = 102,
-    ZX_ERR_ALIGNMENT = 103,
+    ZX_ERR_OUT_OF_MEMORY = 100,     /**< "Out of memory" */
+    ZX_ERR_ALLOCATION_FAILED = 101, /**< "Memory allocation failed" */
+    ZX_ERR_BUFFER_TOO_SMALL = 102,  /**< "Buffer too small" */
+    ZX_ERR_ALIGNMENT = 103,         /**< "Memory alignment failed" */
 
-    ZX_ERR_ENGINE_NOT_INITIALIZED = 200,
-    ZX_ERR_ENGINE_ALREADY_INITIALIZED = 201,
-    ZX_ERR_NO_PLATFORM = 202,
-    ZX_ERR_NO_DEVICE = 203,
-    ZX_ERR_CONTEXT_CREATE = 204,
-    ZX_ERR_QUEUE_CREATE = 205,
-    ZX_ERR_KERNEL_COMPILE = 206,
-    ZX_ERR_KERNEL_EXEC = 207,
-    ZX_ERR_BUFFER_CREATE = 208,
-    ZX_ERR_TRANSFER = 209,
+    ZX_ERR_ENGINE_NOT_INITIALIZED = 200,     /**< "Engine not initialized" */
+    ZX_ERR_ENGINE_ALREADY_INITIALIZED = 201, /**< "Engine already initialized" */
+    ZX_ERR_NO_PLATFORM = 202,                /**< "No OpenCL platform found" */
+    ZX_ERR_NO_DEVICE = 203,                  /**< "No OpenCL device found" */
+    ZX_ERR_CONTEXT_CREATE = 204,             /**< "Failed to create OpenCL context" */
+    ZX_ERR_QUEUE_CREATE = 205,               /**< "Failed to create command queue" */
+    ZX_ERR_KERNEL_COMPILE = 206,             /**< "Kernel compilation failed" */
+    ZX_ERR_KERNEL_EXEC = 207,                /**< "Kernel execution failed" */
+    ZX_ERR_BUFFER_CREATE = 208,              /**< "Failed to create GPU buffer" */
+    ZX_ERR_TRANSFER = 209,                   /**< "Failed to transfer data to/from GPU" */
 
-    ZX_ERR_INVALID_MODEL = 300,
-    ZX_ERR_MODEL_NOT_CONFIGURED = 301,
-    ZX_ERR_MODEL_TYPE_MISMATCH = 302,
-    ZX_ERR_INVALID_LAYER = 303,
-    ZX_ERR_DIMENSION_MISMATCH = 304,
-    ZX_ERR_TRAINING_FAILED = 305,
+    ZX_ERR_INVALID_MODEL = 300,        /**< "Invalid model" */
+    ZX_ERR_MODEL_NOT_CONFIGURED = 301, /**< "Model not configured" */
+    ZX_ERR_MODEL_TYPE_MISMATCH = 302,  /**< "Model type mismatch" */
+    ZX_ERR_INVALID_LAYER = 303,        /**< "Invalid layer" */
+    ZX_ERR_DIMENSION_MISMATCH = 304,   /**< "Dimension mismatch" */
+    ZX_ERR_TRAINING_FAILED = 305,      /**< "Training failed" */
 
-    ZX_ERR_INVALID_MATRIX = 400,
-    ZX_ERR_INVALID_SPARSE = 401,
-    ZX_ERR_DATA_CORRUPTED = 402,
+    ZX_ERR_INVALID_MATRIX = 400, /**< "Invalid matrix" */
+    ZX_ERR_INVALID_SPARSE = 401, /**< "Invalid sparse matrix format" */
+    ZX_ERR_DATA_CORRUPTED = 402, /**< "Data corrupted" */
 
-    ZX_ERR_FILE_OPEN = 500,
-    ZX_ERR_FILE_READ = 501,
-    ZX_ERR_FILE_WRITE = 502,
-    ZX_ERR_VERSION_MISMATCH = 503,
-    ZX_ERR_INVALID_FORMAT = 504
+    ZX_ERR_FILE_OPEN = 500,        /**< "Failed to open file" */
+    ZX_ERR_FILE_READ = 501,        /**< "Failed to read file" */
+    ZX_ERR_FILE_WRITE = 502,       /**< "Failed to write file" */
+    ZX_ERR_VERSION_MISMATCH = 503, /**< "Version mismatch" */
+    ZX_ERR_INVALID_FORMAT = 504    /**< "Invalid file format" */
 };
 
 /** What the last recorded failure of a thread was. Each thread has one, all zero at its start. */
@@ -296,7 +296,8 @@ ZX_API zx_status_t zx_buffer_read(zx_buffer_t buffer, void* host, uint64_t size)
 /**
  * As zx_buffer_write(), without waiting: the host memory must stay until the event has completed.
  *
- * @param event  receives the transfer's event, which the caller releases; may be null.
+ * @param buffer, host, size  as for zx_buffer_write().
+ * @param event               receives the transfer's event, which the caller releases; may be null.
  */
 ZX_API zx_status_t zx_buffer_write_async(zx_buffer_t buffer, const void* host, uint64_t size,
                                          cl_event* event);
@@ -305,7 +306,8 @@ ZX_API zx_status_t zx_buffer_write_async(zx_buffer_t buffer, const void* host, u
  * As zx_buffer_read(), without waiting: the host memory is filled once the event has completed or
  * zx_engine_sync() has returned.
  *
- * @param event  receives the transfer's event, which the caller releases; may be null.
+ * @param buffer, host, size  as for zx_buffer_read().
+ * @param event               receives the transfer's event, which the caller releases; may be null.
  */
 ZX_API zx_status_t zx_buffer_read_async(zx_buffer_t buffer, void* host, uint64_t size,
                                         cl_event* event);
@@ -316,9 +318,10 @@ ZX_API void zx_buffer_release(zx_buffer_t buffer);
 /**
  * Sets one argument of a kernel.
  *
- * @param index  the argument's position.
- * @param size   bytes of the value.
- * @param value  the value; copied.
+ * @param kernel  from zx_kernel_get().
+ * @param index   the argument's position.
+ * @param size    bytes of the value.
+ * @param value   the value; copied.
  * @return ZX_OK; ZX_ERR_KERNEL_EXEC (recorded, "Failed to set kernel argument").
  */
 ZX_API zx_status_t zx_kernel_set_arg(cl_kernel kernel, uint32_t index, uint64_t size,
@@ -327,6 +330,7 @@ ZX_API zx_status_t zx_kernel_set_arg(cl_kernel kernel, uint32_t index, uint64_t 
 /**
  * Enqueues a kernel over a one-dimensional range, without waiting.
  *
+ * @param kernel  from zx_kernel_get().
  * @param global  work-items; not rounded up to a multiple of local.
  * @param local   work-group size; 0 lets the OpenCL implementation choose.
  * @return ZX_OK; ZX_ERR_KERNEL_EXEC (recorded, "Failed to execute kernel").
@@ -336,6 +340,7 @@ ZX_API zx_status_t zx_kernel_exec_1d(cl_kernel kernel, uint64_t global, uint64_t
 /**
  * Enqueues a kernel over a two-dimensional range, without waiting.
  *
+ * @param kernel              from zx_kernel_get().
  * @param global_0, global_1  work-items in each dimension.
  * @param local_0, local_1    work-group size; passed on only when both are non-zero.
  * @return as zx_kernel_exec_1d().
@@ -668,6 +673,8 @@ ZX_API uint32_t zx_sparse_row_nnz(const zx_sparse_t* matrix, uint32_t row);
 /**
  * Copies a row's entries.
  *
+ * @param matrix     the matrix.
+ * @param row        the row.
  * @param cols_out   receives the columns; room for zx_sparse_row_nnz() of them, or null.
  * @param vals_out   receives the values, likewise; if either is null, neither is written.
  * @param count_out  receives the number of entries, as zx_sparse_row_nnz() does; may be null.
@@ -740,6 +747,7 @@ ZX_API zx_pool_t* zx_pool_create(uint64_t block_size);
  * request that the current block has no room for starts a new block, of the request's own size if
  * that is larger than the pool's, and what the old block had left is not used any more.
  *
+ * @param pool  the pool.
  * @param size  bytes.
  * @return the memory, on a boundary of 8 bytes and, deliberately, no more; null, nothing recorded,
  *         if pool is null, size is 0, memory is short, or the size overflows on the way.
@@ -842,6 +850,7 @@ ZX_API void zx_model_eval(zx_model_t* model);
 /**
  * Copies the embedding rows of a list of users, from the host data.
  *
+ * @param model  MF model.
  * @param ids    [count] user ids, in any order, repeated ones included; borrowed for the call.
  * @param count  number of ids.
  * @return a new [count x d] tensor, owned by the caller; null if ids or model is null or count is 0
@@ -892,6 +901,7 @@ ZX_API zx_status_t zx_model_to_device(zx_model_t* model);
  * global bias). The dot product adds four interleaved partial sums, ((s0 + s2) + (s1 + s3)), then
  * the last d mod 4 products, without fused multiply-add: the same bits on every processor.
  *
+ * @param model  MF model.
  * @param users  [count] user ids; borrowed for the call, as is the next array.
  * @param items  [count] item ids.
  * @param count  number of pairs.
@@ -965,15 +975,15 @@ typedef uint32_t zx_layer_type_t;
 typedef int32_t zx_activation_t;
 
 enum {
-    ZX_LAYER_EMBEDDING = 0,
-    ZX_LAYER_DENSE = 1,
-    ZX_LAYER_BATCH_NORM = 2,
-    ZX_LAYER_DROPOUT = 4,
-    ZX_ACT_RELU = 5,
-    ZX_ACT_LEAKY_RELU = 6,
-    ZX_ACT_GELU = 7,
-    ZX_ACT_SIGMOID = 8,
-    ZX_ACT_TANH = 9
+    ZX_LAYER_EMBEDDING = 0,  /**< a table of rows */
+    ZX_LAYER_DENSE = 1,      /**< weights and a bias */
+    ZX_LAYER_BATCH_NORM = 2, /**< batch normalisation */
+    ZX_LAYER_DROPOUT = 4,    /**< dropout */
+    ZX_ACT_RELU = 5,         /**< rectifier */
+    ZX_ACT_LEAKY_RELU = 6,   /**< leaky rectifier */
+    ZX_ACT_GELU = 7,         /**< Gaussian error linear unit */
+    ZX_ACT_SIGMOID = 8,      /**< logistic function */
+    ZX_ACT_TANH = 9          /**< hyperbolic tangent */
 };
 
 /** Parameters of an embedding layer. */
@@ -1009,11 +1019,11 @@ typedef struct zx_leaky_relu_params_t {
 
 /** Parameters of a layer of any kind; the bytes that the kind does not use are 0. */
 typedef union zx_layer_params_t {
-    zx_embedding_params_t embedding;
-    zx_dense_params_t dense;
-    zx_batch_norm_params_t batch_norm;
-    zx_dropout_params_t dropout;
-    zx_leaky_relu_params_t leaky_relu;
+    zx_embedding_params_t embedding;   /**< of ZX_LAYER_EMBEDDING */
+    zx_dense_params_t dense;           /**< of ZX_LAYER_DENSE */
+    zx_batch_norm_params_t batch_norm; /**< of ZX_LAYER_BATCH_NORM */
+    zx_dropout_params_t dropout;       /**< of ZX_LAYER_DROPOUT */
+    zx_leaky_relu_params_t leaky_relu; /**< of ZX_ACT_LEAKY_RELU */
 } zx_layer_params_t;
 
 /**
@@ -1096,7 +1106,9 @@ ZX_API zx_layer_t* zx_layer_batch_norm(uint32_t num_features);
  *
  *  - Dense: a new [B x out_features] tensor, B being the input's first extent: each output is the
  *    sum, in order, of weight * input, plus the bias if there is one. Elements are those of
- *    zx_tensor_get_2d(), so an input of one axis counts as zeros.
+ *    zx_tensor_get_2d(), so an input of one axis counts as zeros, and so does a missing weight. The
+ *    bias tensor decides whether there is a bias, not the parameters; what it is too short for gets
+ *    none.
  *  - Dropout: when training, with a rate above 0, a new tensor: for each element in order one draw
  *    u of zx_rng_uniform(); u >= rate keeps the element, times 1 / (1 - rate), else it becomes 0.
  *    Otherwise the input itself, with a reference more.
@@ -1113,7 +1125,9 @@ ZX_API zx_layer_t* zx_layer_batch_norm(uint32_t num_features);
  * @return the output, to be released by the caller; null if layer or input is null (not recorded);
  *         else null, recorded: ZX_ERR_INVALID_LAYER "Unknown layer type" for every other kind,
  *         embeddings and batch normalisation included, deliberately; ZX_ERR_DIMENSION_MISMATCH
- *         "Dense layer input dimension mismatch" if the input's second extent is not in_features;
+ *         "Dense layer input dimension mismatch" if the input's second extent is not in_features,
+ *         or if input or weight (wrapped, with fewer elements) has not the rows that its first two
+ *         extents announce;
  *         or what zx_tensor_create() records, also for an input without elements.
  *
  * Threads: any number may run one layer; dropout advances the calling thread's generator.
@@ -1123,7 +1137,7 @@ ZX_API zx_layer_t* zx_layer_batch_norm(uint32_t num_features);
  */
 ZX_API zx_tensor_t* zx_layer_forward(const zx_layer_t* layer, zx_tensor_t* input, bool training);
 
-/** Frees a layer and releases its tensors; null is ignored. */
+/** Frees a layer and releases its tensors; null is ignored. Threads: the last to use it. */
 ZX_API void zx_layer_free(zx_layer_t* layer);
 
 /* ---------------------------------------------------------------------------------------------- */
@@ -1201,13 +1215,19 @@ ZX_API zx_optimizer_config_t zx_optimizer_als(float regularization);
  */
 ZX_API zx_optimizer_t* zx_optimizer_create(const zx_model_t* model, zx_optimizer_config_t config);
 
-/** Frees an optimiser and releases the tensors in its state arrays; null is ignored. */
+/**
+ * Frees an optimiser and releases the tensors in its state arrays; null is ignored.
+ *
+ * Threads: the last to use it.
+ */
 ZX_API void zx_optimizer_free(zx_optimizer_t* optimizer);
 
 /**
  * Counts a step and refuses it, deliberately: the model is never changed, and the message names the
  * function that trains it.
  *
+ * @param optimizer  its step counter rises.
+ * @param model      any model; not looked at.
  * @return ZX_ERR_NULL_POINTER if optimizer or model is null (not recorded, not counted); else
  *         ZX_ERR_MODEL_NOT_CONFIGURED (recorded, "Use zx_model_train_step_bpr for BPR training").
  *
@@ -1215,7 +1235,11 @@ ZX_API void zx_optimizer_free(zx_optimizer_t* optimizer);
  */
 ZX_API zx_status_t zx_optimizer_step(zx_optimizer_t* optimizer, zx_model_t* model);
 
-/** Does nothing: training applies its updates directly, and there are no gradients to clear. */
+/**
+ * Does nothing: training applies its updates directly, and there are no gradients to clear.
+ *
+ * Threads: any.
+ */
 ZX_API void zx_optimizer_zero_grad(zx_optimizer_t* optimizer);
 
 /** A loss function. The values 2 to 5 have no meaning. */
@@ -1254,9 +1278,11 @@ ZX_API zx_loss_config_t zx_loss_contrastive(float margin);
  *
  * Terms are added in order, in single precision.
  *
- * @param a, b  tensors of n elements each.
- * @return the loss; a NaN when n is 0, deliberately; 0 if a or b is null or their numbers of
- *         elements differ (not recorded), which looks like a perfect fit; 0, before anything else
+ * @param config  the loss function.
+ * @param a, b    tensors of n elements each.
+ * @return the loss; a NaN when n is 0, deliberately; 0 if a or b is null or has elements but no
+ *         host data, or if their numbers of elements differ (not recorded), which looks like a
+ *         perfect fit; 0, before anything else
  *         is looked at, for any other loss function (recorded, ZX_ERR_INVALID_ARGUMENT "Unknown
  *         loss type").
  *
@@ -1268,10 +1294,12 @@ ZX_API float zx_loss_compute(zx_loss_config_t config, const zx_tensor_t* a, cons
  * Computes the loss as zx_loss_compute() does and, for MSE only, its gradient with respect to a:
  * grad[i] = (a[i] - b[i]) * (2 / n).
  *
- * @param grad  receives the gradient in its host data, which must hold n floats or more: its size
- *              is not checked, and which of its copies counts as current does not change. May be
- *              null; must not be a or b. Untouched for other loss functions and where the result
- *              is 0 for lack of two tensors of one size.
+ * @param config, a, b  as for zx_loss_compute().
+ * @param grad          receives the gradient in its host data, which must hold n floats or more:
+ *                      its size is not checked, and which of its copies counts as current does not
+ *                      change. May be null or without data; must not be a or b. Untouched for
+ *                      other loss functions and where the result is 0 for lack of two tensors of
+ *                      one size.
  * @return as zx_loss_compute().
  *
  * Threads: as zx_loss_compute(); nothing else may use grad meanwhile.
@@ -1449,8 +1477,10 @@ ZX_API void zx_gpu_shutdown(void);
 /** Returns whether kernels are loaded and the engine runs. */
 ZX_API bool zx_gpu_is_ready(void);
 
-/*
- * Operations on tensors on the device. None has a host counterpart, and all fail without kernels.
+/**
+ * @name Operations on tensors on the device
+ *
+ * None has a host counterpart, and all fail without kernels.
  *
  * Each checks, in this order: kernels are loaded (else ZX_ERR_ENGINE_NOT_INITIALIZED, recorded,
  * "GPU not initialized"); its tensors, in the order of its arguments, are not null and have host
@@ -1466,6 +1496,8 @@ ZX_API bool zx_gpu_is_ready(void);
  * which copy counts; a host that writes through zx_tensor_data() uploads again before device work.
  *
  * Threads: device work, one thread at a time; the engine's in-order queue orders the operations.
+ *
+ * @{
  */
 
 /**
@@ -1564,6 +1596,7 @@ ZX_API zx_status_t zx_gpu_softmax_rows(zx_tensor_t* x);
  * @param x            [rows x cols], replaced.
  * @param gamma, beta  [cols].
  * @param eps          added to the variance.
+ *
  * Fails as above.
  * Method: Ba, Kiros, Hinton, "Layer Normalization", 2016.
  */
@@ -1575,6 +1608,7 @@ ZX_API zx_status_t zx_gpu_layer_norm(zx_tensor_t* x, zx_tensor_t* gamma, zx_tens
  *
  * @param output  [rows] receives the cosines.
  * @param a, b    [rows x d].
+ *
  * Fails as above.
  */
 ZX_API zx_status_t zx_gpu_cosine_similarity(zx_tensor_t* output, zx_tensor_t* a, zx_tensor_t* b);
@@ -1595,6 +1629,7 @@ ZX_API zx_status_t zx_gpu_vec_axpy(zx_tensor_t* x, zx_tensor_t* y, float alpha);
  * @param user_vec          [d], updated, as are the next two.
  * @param pos_vec, neg_vec  [d].
  * @param lr, reg           step size and L2 weight.
+ *
  * Fails as above.
  */
 ZX_API zx_status_t zx_gpu_bpr_update(zx_tensor_t* user_vec, zx_tensor_t* pos_vec,
@@ -1640,6 +1675,8 @@ ZX_API zx_status_t zx_gpu_batched_score(zx_tensor_t* user_emb, zx_tensor_t* item
                                         const uint32_t* items, zx_tensor_t* scores, uint32_t batch,
                                         bool use_bias);
 
+/** @} */
+
 /* ---------------------------------------------------------------------------------------------- */
 /* Files                                                                                          */
 /* ---------------------------------------------------------------------------------------------- */
@@ -1649,7 +1686,8 @@ ZX_API zx_status_t zx_gpu_batched_score(zx_tensor_t* user_emb, zx_tensor_t* item
  * output, at the verbosity of information lines. The global bias and the mode flag are not kept. A
  * failure leaves what was written so far; write to a new name and rename it where that matters.
  *
- * @param path  the file; created or overwritten.
+ * @param model  MF model.
+ * @param path   the file; created or overwritten.
  * @return ZX_OK; else, recorded, ZX_ERR_NULL_POINTER "NULL model or path"; ZX_ERR_FILE_OPEN "Failed
  *         to open file for writing"; ZX_ERR_MODEL_TYPE_MISMATCH "Unsupported model type for
  *         serialization" (an empty file is left); ZX_ERR_FILE_WRITE "Failed to write header",
@@ -1695,9 +1733,12 @@ ZX_API zx_model_t* zx_model_load(const char* path);
 ZX_API zx_status_t zx_tensor_save(const zx_tensor_t* tensor, const char* path, const char* name);
 
 /**
- * Reads the first tensor of a tensor file or of a model file. Reading is not tested, deliberately:
- * elements that the file does not give are 0. Nothing in a file makes the library read or write
- * outside its memory; the extents in it decide how much memory the tensor takes.
+ * Reads the first tensor of a tensor file or of a model file. Of the header only the magic is
+ * looked at. Reading is not tested, deliberately: elements that the file does not give are 0, and
+ * where no file can have the stated offset (2^63 or more) the bytes behind the descriptor are
+ * taken. Nothing in a file makes the library read or write outside its memory; the extents in it
+ * decide how much memory the tensor takes, so a host that loads files of strangers looks at them
+ * first.
  *
  * @param path  the file.
  * @return the tensor, owned by the caller; else null, recorded: ZX_ERR_NULL_POINTER "NULL path";
@@ -1753,8 +1794,9 @@ ZX_API zx_status_t zx_tensor_to_npy(const zx_tensor_t* tensor, const char* path)
  * zx_tensor_to_npy(), and says so on standard output, at the verbosity of information lines. The
  * biases are not written. A failure leaves what was written so far.
  *
- * @param dir  the directory for both; made, with mode 0755, if nothing of that name exists. A path
- *             of a file in it is cut to 511 characters, deliberately.
+ * @param model  MF model.
+ * @param dir    the directory for both; made, with mode 0755, if nothing of that name exists. A
+ *               path of a file in it is cut to 511 characters, deliberately.
  * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path"; ZX_ERR_FILE_OPEN "Failed
  *         to create directory"; ZX_ERR_MODEL_TYPE_MISMATCH "Unknown model type" (the directory is
  *         there by then); or what zx_tensor_to_npy() records.
@@ -1790,7 +1832,8 @@ ZX_API zx_status_t zx_tensors_to_safetensors(zx_tensor_t* const* tensors, const 
  * the verbosity of information lines. The tensors, those of them that exist, are "user_embeddings",
  * "item_embeddings", "user_biases" and "item_biases"; the global bias is not written.
  *
- * @param path  the file; created or overwritten.
+ * @param model  MF model.
+ * @param path   the file; created or overwritten.
  * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path";
  *         ZX_ERR_MODEL_TYPE_MISMATCH "Unknown model type"; or what zx_tensors_to_safetensors()
  *         records, which for a model without any tensor is "Invalid arguments".
@@ -1804,7 +1847,8 @@ ZX_API zx_status_t zx_model_to_safetensors(const zx_model_t* model, const char* 
  * an MF model, the shapes of its embedding tables. The name is written without escaping. Writing is
  * not tested, deliberately.
  *
- * @param path  the file; created or overwritten.
+ * @param model  any model.
+ * @param path   the file; created or overwritten.
  * @return ZX_OK; else, recorded: ZX_ERR_NULL_POINTER "NULL model or path"; ZX_ERR_FILE_OPEN "Failed
  *         to open file".
  *

@@ -34,7 +34,7 @@ struct BufferRelease {
     void operator()(zx_buffer_t buffer) const { zx_buffer_release(buffer); }
 };
 struct FileClose {
-    // For files that are only read; a writer tests the result of closing.
+    // For files that are read, and for the formats whose writers do not test their writes.
     void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
 

@@ -53,7 +53,7 @@ TEST_F(DetectFormat, GoesByTheFirstBytesWhereTheNameDoesNotSay) {
         {"eight bytes of one", "ZXQM\1\0\0\0"s, 1},
         {"seven bytes of one", "ZXQM\1\0\0"s, 0},
         {"an array", "\x93NUMPY\1\0v\0"s, 2},
-        {"seven bytes of one", "\x93NUMPY\1"s, 0},
+        {"seven bytes of an array", "\x93NUMPY\1"s, 0},
         {"an array's magic with one other letter", "\x93NUMPX\1\0v\0"s, 0},
         {"JSON", "{\"a\": 1}"s, 5},
         {"seven bytes of it", "{\"a\":1}"s, 0},

@@ -104,6 +104,23 @@ TEST_F(TensorsToSafetensors, WritesEveryRank) {
     }
 }
 
+// More bytes than 32 bits count, without the memory: elements that nobody holds are not written.
+TEST_F(TensorsToSafetensors, WritesOffsetsBeyond32Bits) {
+    float one = 1.0f;
+    const std::uint32_t dims[4] = {65535, 65537, 1, 2};
+    const TensorPtr tensor(zx_tensor_wrap(&one, 4, dims));
+    ASSERT_NE(tensor, nullptr);
+    tensor->data = nullptr;
+    ASSERT_EQ(write_list({tensor.get(), tensor.get()}, {"a", "b"}), ZX_OK);
+    const std::string header =
+        R"({"a":{"dtype":"F32","shape":[65535,65537,1,2],"data_offsets":[0,34359738360]},)"
+        R"("b":{"dtype":"F32","shape":[65535,65537,1,2],)"
+        R"("data_offsets":[34359738360,68719476720]}})";
+    EXPECT_EQ(
+        file_content(kPath),
+        with_length(header + std::string(header.size() % 8 == 0 ? 0 : 8 - header.size() % 8, ' ')));
+}
+
 TEST_F(TensorsToSafetensors, WritesExtentsOfAnyLength) {
     const TensorPtr huge = wrapped_tensor({kMost, kMost, kMost, kMost});
     const TensorPtr without_axes = counted_tensor({1}, 2.0f);
