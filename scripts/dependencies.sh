@@ -11,9 +11,10 @@ packages=(
 )
 if [ "${1:-build}" = test ]; then
     packages+=(
-        libbenchmark-dev libgmock-dev libgtest-dev pocl-opencl-icd
-        clang clang-format clang-tidy g++-aarch64-linux-gnu
+        libbenchmark-dev libgmock-dev libgtest-dev oclgrind pocl-opencl-icd
+        clang clang-format clang-tidy doxygen g++-aarch64-linux-gnu
         binutils git python3 python3-numpy python3-venv valgrind
+        abigail-tools dpkg-dev file lintian man-db zsh
     )
 fi
 

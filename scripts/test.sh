@@ -35,6 +35,13 @@ step_asan() {
     ctest --preset asan --parallel "$jobs"
 }
 
+# Oclgrind, a device that checks every access of the kernels, over the device tests of the release
+# build.
+step_oclgrind() {
+    configure_and_build release
+    scripts/oclgrind_tests.py build/release
+}
+
 # Valgrind over every test program that needs no device, in the release build.
 step_valgrind() {
     cmake --preset release >/dev/null
@@ -60,7 +67,7 @@ step_arm() {
 
 scripts/dependencies.sh test
 steps=("$@")
-[ ${#steps[@]} -gt 0 ] || steps=(format release valgrind scalar asan arm tidy)
+[ ${#steps[@]} -gt 0 ] || steps=(format release valgrind scalar asan oclgrind arm tidy)
 for step in "${steps[@]}"; do
     echo "=== $step"
     SECONDS=0

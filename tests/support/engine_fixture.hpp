@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 namespace zx::test {
 
@@ -50,6 +51,7 @@ class EngineTest : public testing::Test {
         opencl() = {};
         stop_and_release();
         system_shim() = {};
+        EXPECT_EQ(release_objects_since({}), std::vector<std::string>{});
     }
 
     [[nodiscard]] const std::filesystem::path& root() const { return folder_.root(); }

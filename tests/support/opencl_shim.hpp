@@ -1,17 +1,20 @@
 // Stands between the library and OpenCL: writes down what the library asks for, refuses calls that
-// a test wants to fail, and changes what a device says about itself. Programs that use it wrap the
-// OpenCL calls at link time.
+// a test wants to fail, and changes what a device says about itself. It defines the OpenCL
+// functions that the library calls: linked into a program, or loaded before it (see
+// opencl_preload.cpp), it is found first, and hands on to the OpenCL that is found next.
 #pragma once
 
 #include "zorvex.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zx::test {
@@ -40,6 +43,9 @@ struct Launch {
     bool operator==(const Launch&) const = default;
 };
 
+// One call: its name, and its number among the calls of this name, from 1.
+using NumberedCall = std::pair<std::string, int>;
+
 struct OpenClShim {
     // What happened.
     std::vector<std::string> calls;  // names, in order; releases of null included
@@ -51,6 +57,8 @@ struct OpenClShim {
     std::vector<std::string> build_options;  // "(null)" for none
     bool queue_has_properties = false;
     bool context_has_properties = false;
+
+    std::FILE* log = nullptr;  // where each call is written with its arguments
 
     // What is to happen. A name alone is refused always; the number is the call, from 1, that is.
     std::set<std::string> refused;
@@ -64,7 +72,17 @@ struct OpenClShim {
     [[nodiscard]] std::ptrdiff_t count(std::string_view call) const;
     // The calls of these names only, in order.
     [[nodiscard]] std::vector<std::string> only(const std::set<std::string>& names) const;
+    // All calls in order, as refused_once takes them.
+    [[nodiscard]] std::vector<NumberedCall> numbered() const;
 };
+
+// The contexts, queues, programs, kernels and buffers that were made and not yet released, each
+// with its kind. A reset of the shim leaves this alone.
+using OpenClObjects = std::map<const void*, std::string>;
+OpenClObjects& opencl_objects();
+
+// Releases what was made since there were only these objects, and returns the kinds, sorted.
+std::vector<std::string> release_objects_since(const OpenClObjects& before);
 
 // The process's one shim; everything is passed through until a test says otherwise.
 OpenClShim& opencl();

@@ -75,6 +75,17 @@ inline zx_status_t update_batch(zx_model_t* model, const Triples& triples, float
         learning_rate, regularization);
 }
 
+// In batches that no device takes.
+inline void train_on_host(zx_model_t* model, const Triples& triples, float learning_rate,
+                          float regularization) {
+    for (std::uint32_t first = 0; first < triples.count(); first += 511)
+        ASSERT_EQ(zx_model_train_step_bpr(
+                      model, triples.users.data() + first, triples.positives.data() + first,
+                      triples.negatives.data() + first, std::min(511u, triples.count() - first),
+                      learning_rate, regularization),
+                  ZX_OK);
+}
+
 // Brings back to the host what is current on the device.
 inline void bring_back(zx_model_t* model) {
     for (zx_tensor_t* const tensor :

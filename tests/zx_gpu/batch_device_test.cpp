@@ -160,32 +160,36 @@ TEST_F(BprUpdate, ReportsARefusedUploadOfEachVector) {
 class BprBatch : public BatchDeviceTest {};
 
 TEST_F(BprBatch, MovesDisjointRowsAsTheHostDoes) {
-    constexpr std::uint32_t kBatch = 24;
-    const Triples triples = disjoint_triples(kBatch);
-    for (const std::uint32_t d : {1u, 3u, 64u, 100u}) {
+    // Where rows are longer than 512, batches from 256 on: smaller ones differ on the host.
+    const struct {
+        std::uint32_t batch, d;
+    } shapes[] = {{1, 64},  {24, 1},    {24, 3},   {24, 64}, {24, 100}, {37, 511},
+                  {2, 512}, {257, 513}, {512, 17}, {513, 8}, {5003, 3}};
+    for (const auto& [batch, d] : shapes) {
+        const Triples triples = disjoint_triples(batch);
         for (const bool biased : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "d " << d << (biased ? ", biased" : ""));
-            const ModelPtr model = disjoint_model(kBatch, d, biased);
-            const ModelPtr expected = disjoint_model(kBatch, d, biased);
+            SCOPED_TRACE(testing::Message() << batch << " x " << d << (biased ? ", biased" : ""));
+            const ModelPtr model = disjoint_model(batch, d, biased);
+            const ModelPtr expected = disjoint_model(batch, d, biased);
             ASSERT_TRUE(model && expected);
             opencl() = {};
             ASSERT_EQ(update_batch(model.get(), triples, 0.05f, 0.1f), ZX_OK);
-            std::vector<BufferRequest> buffers = {{kTableFlags, 4ull * kBatch * d, true},
-                                                  {kTableFlags, 8ull * kBatch * d, true}};
-            if (biased) buffers.push_back({kTableFlags, 8ull * kBatch, true});
-            buffers.insert(buffers.end(), 3, {kIdFlags, 4ull * kBatch, true});
+            std::vector<BufferRequest> buffers = {{kTableFlags, 4ull * batch * d, true},
+                                                  {kTableFlags, 8ull * batch * d, true}};
+            if (biased) buffers.push_back({kTableFlags, 8ull * batch, true});
+            buffers.insert(buffers.end(), 3, {kIdFlags, 4ull * batch, true});
             EXPECT_EQ(opencl().buffers, buffers);
-            EXPECT_EQ(opencl().launches, (std::vector<Launch>{{{kBatch}, {}, false, false}}));
+            EXPECT_EQ(opencl().launches, (std::vector<Launch>{{{batch}, {}, false, false}}));
             EXPECT_EQ(opencl().count("clFinish"), 1);
             EXPECT_EQ(opencl().count("clReleaseMemObject"), 3);
             EXPECT_TRUE(opencl().transfers.empty());
             EXPECT_EQ(model->user_embeddings->on_device, 1);
             EXPECT_EQ(model->item_embeddings->on_device, 1);
             bring_back(model.get());
-            ASSERT_EQ(train(expected.get(), triples, 0.05f, 0.1f), ZX_OK);
+            train_on_host(expected.get(), triples, 0.05f, 0.1f);
             EXPECT_TRUE(near_models(model.get(), expected.get()));
             // The update is large enough to be seen.
-            EXPECT_FALSE(near_models(disjoint_model(kBatch, d, biased).get(), expected.get()));
+            EXPECT_FALSE(near_models(disjoint_model(batch, d, biased).get(), expected.get()));
         }
     }
     expect_untouched();
@@ -217,6 +221,29 @@ TEST_F(BprBatch, TakesOneRowInSeveralPlacesAsTheStatementsInOrder) {
         bpr_passes(w, p, n, kDim, 0.95f, bpr_factor(x, 0.5f), true);
     }
     EXPECT_TRUE(near_numbers(contents(table.get()), rows));
+}
+
+TEST_F(BprBatch, LosesAtMostUpdatesWhereTriplesShareRows) {
+    constexpr std::uint32_t kBatch = 32;
+    Triples triples;
+    for (std::uint32_t i = 0; i < kBatch; ++i) triples.add(i % 3, i % 5, 5 + i % 7);
+    const ModelPtr model = disjoint_model(kBatch, 6, true);
+    ASSERT_NE(model, nullptr);
+    const ModelContents before = contents(model.get());
+    ASSERT_EQ(update_batch(model.get(), triples, 0.05f, 0.1f), ZX_OK);
+    bring_back(model.get());
+    const ModelContents after = contents(model.get());
+    // Whatever is lost, rows in the batch move a little, and the others not at all.
+    const auto expect_moved = [](const std::vector<float>& now, const std::vector<float>& old,
+                                 std::size_t in_batch) {
+        for (std::size_t i = 0; i < now.size(); ++i) {
+            EXPECT_LT(std::fabs(now[i] - old[i]), 1.0f) << i;
+            EXPECT_EQ(now[i] != old[i], i < in_batch) << i;
+        }
+    };
+    expect_moved(after.users, before.users, std::size_t{3} * 6);
+    expect_moved(after.items, before.items, std::size_t{12} * 6);
+    expect_moved(after.item_biases, before.item_biases, 12);
 }
 
 TEST_F(BprBatch, LeavesAnUnwantedBiasAlone) {
@@ -357,6 +384,31 @@ TEST_F(BatchedScore, GivesDotsAndItemBiases) {
     expect_untouched();
 }
 
+TEST_F(BatchedScore, GivesTheDotsOfManyPairsAndLongRows) {
+    const struct {
+        std::uint32_t batch, d;
+    } shapes[] = {{1, 513}, {7, 5003}, {511, 31}, {512, 512}, {513, 1}, {5003, 17}};
+    RandomNumbers random(8);
+    for (const auto& [batch, d] : shapes) {
+        SCOPED_TRACE(testing::Message() << batch << " x " << d);
+        const ModelPtr model = disjoint_model(24, d, true);
+        const Ids users = random.ids(batch, 24);
+        const Ids items = random.ids(batch, 48);
+        const TensorPtr scores = vector_of(std::vector<float>(batch));
+        ASSERT_TRUE(model && scores);
+        ASSERT_EQ(score(model.get(), users, items, scores.get()), ZX_OK);
+        // The rounding errors of a sum grow with the sizes of what is summed, not of the sum.
+        for (std::size_t j = 0; j < batch; ++j) {
+            const double sum =
+                exact_dot(user_row(*model, users[j]), item_row(*model, items[j]), d) +
+                double{model->item_biases->data[items[j]]};
+            ASSERT_NEAR(double{scores->data[j]}, sum, 1e-5 * std::sqrt(static_cast<double>(d)))
+                << j;
+        }
+    }
+    expect_untouched();
+}
+
 TEST_F(BatchedScore, TakesTheItemTableForAWantedBiasThatIsNull) {
     const ModelPtr model = disjoint_model(24, 3, false);
     const TensorPtr scores = vector_of({0, 0, 0, 0, 0});
@@ -436,6 +488,75 @@ TEST_F(BatchedScore, RefusesABatchOfNoneWithoutARecord) {
         ZX_ERR_ALLOCATION_FAILED);
     EXPECT_TRUE(opencl().launches.empty());
     expect_untouched();
+}
+
+// The three operations, each with its result when a call is refused.
+struct SweptOperation {
+    const char* name;
+    int tables;  // buffers of tensors, which are made first
+    zx_status_t (*call)(zx_model_t* model, const Triples& triples, zx_tensor_t* scores);
+};
+
+const SweptOperation kSweptOperations[] = {
+    {"a single update", 3,
+     [](zx_model_t* model, const Triples&, zx_tensor_t* scores) {
+         // Any three tensors of a length serve.
+         return zx_gpu_bpr_update(scores, model->user_biases, model->item_biases, 0.5f, 0.1f);
+     }},
+    {"a batch of updates", 3,
+     [](zx_model_t* model, const Triples& triples, zx_tensor_t*) {
+         return update_batch(model, triples, 0.05f, 0.1f);
+     }},
+    {"a batch of scores", 4,
+     [](zx_model_t* model, const Triples& triples, zx_tensor_t* scores) {
+         return zx_gpu_batched_score(model->user_embeddings, model->item_embeddings,
+                                     model->item_biases, triples.users.data(),
+                                     triples.positives.data(), scores, triples.count(), true);
+     }},
+};
+
+zx_status_t expected_after(const SweptOperation& operation, const NumberedCall& refused) {
+    const auto& [call, number] = refused;
+    if (call == "clCreateBuffer")
+        return number <= operation.tables ? ZX_ERR_BUFFER_CREATE : ZX_ERR_ALLOCATION_FAILED;
+    if (call == "clSetKernelArg" || call == "clEnqueueNDRangeKernel") return ZX_ERR_KERNEL_EXEC;
+    return call == "clEnqueueReadBuffer" ? ZX_ERR_TRANSFER : ZX_OK;
+}
+
+using BatchOperations = BatchDeviceTest;
+
+TEST_F(BatchOperations, FailAsStatedWhicheverCallIsRefusedAndLeaveNothing) {
+    const Triples triples = disjoint_triples(24);
+    for (const SweptOperation& operation : kSweptOperations) {
+        std::vector<NumberedCall> calls = {{"", 0}};
+        // The first round refuses nothing and finds the calls of the others.
+        for (std::size_t round = 0; round < calls.size(); ++round) {
+            const NumberedCall refused = calls[round];
+            SCOPED_TRACE(testing::Message()
+                         << operation.name << " " << refused.first << " " << refused.second);
+            const OpenClObjects before = opencl_objects();
+            {
+                const ModelPtr model = disjoint_model(24, 3, true);
+                const TensorPtr scores = vector_of(std::vector<float>(24, 0.5f));
+                ASSERT_TRUE(model && scores);
+                forget();
+                opencl().refused_once.insert(refused);
+                EXPECT_EQ(operation.call(model.get(), triples, scores.get()),
+                          expected_after(operation, refused));
+                const std::vector<NumberedCall> made = opencl().numbered();
+                if (round == 0) calls.insert(calls.end(), made.begin(), made.end());
+                if (refused.first == "clEnqueueReadBuffer")
+                    expect_recorded(209, "src/zx_engine", "Failed to read from GPU buffer");
+                else
+                    expect_untouched();
+                opencl() = {};
+                EXPECT_EQ(operation.call(model.get(), triples, scores.get()), ZX_OK);
+            }
+            EXPECT_EQ(release_objects_since(before).size(),
+                      refused.first == "clReleaseMemObject" ? 1u : 0u);
+        }
+        EXPECT_GT(calls.size(), 10u);
+    }
 }
 
 }  // namespace

@@ -25,21 +25,9 @@ std::vector<float> host_scores(const zx_model_t* model, const Ids& users, const 
     return scores;
 }
 
-void train_on_host(zx_model_t* model, const Triples& triples) {
-    for (const std::uint32_t first : {0u, 256u})
-        ASSERT_EQ(zx_model_train_step_bpr(model, triples.users.data() + first,
-                                          triples.positives.data() + first,
-                                          triples.negatives.data() + first, 256, 0.05f, 0.1f),
-                  ZX_OK);
-}
-
-// The calls that a fresh model's batch makes, each with its number, so that each fails in turn.
-std::vector<std::pair<std::string, int>> refusals(int buffers, bool reads) {
-    std::vector<std::pair<std::string, int>> all;
-    for (int i = 1; i <= buffers; ++i) all.emplace_back("clCreateBuffer", i);
-    all.emplace_back("clEnqueueNDRangeKernel", 1);
-    if (reads) all.emplace_back("clEnqueueReadBuffer", 1);
-    return all;
+// The calls whose refusal changes nothing that the caller sees.
+bool is_harmless(const std::string& call) {
+    return call == "clFinish" || call == "clReleaseMemObject";
 }
 
 class Dispatch : public BatchDeviceTest {
@@ -82,22 +70,34 @@ TEST_F(Dispatch, Scores511PairsOnTheHostAnd512OnTheDevice) {
 
 TEST_F(Dispatch, ScoresOnTheHostWhatTheDeviceRefuses) {
     for (const bool biased : {false, true}) {
-        for (const auto& [call, number] : refusals(biased ? 6 : 5, true)) {
+        const ModelPtr undisturbed = disjoint_model(kUsers, 24, biased);
+        ASSERT_NE(undisturbed, nullptr);
+        const std::vector<float> on_host = host_scores(undisturbed.get(), users_, items_);
+        forget();
+        const std::vector<float> on_device = scores_of(undisturbed.get(), users_, items_, 0, 512);
+        const std::vector<NumberedCall> calls = opencl().numbered();
+        EXPECT_FALSE(same_numbers(on_device, on_host));
+        EXPECT_EQ(calls.size(), biased ? 21u : 20u);
+        for (const auto& [call, number] : calls) {
             SCOPED_TRACE(testing::Message() << call << " " << number << " " << biased);
-            const ModelPtr model = disjoint_model(kUsers, 24, biased);
+            ModelPtr model = disjoint_model(kUsers, 24, biased);
             ASSERT_NE(model, nullptr);
-            const std::vector<float> expected = host_scores(model.get(), users_, items_);
-            ASSERT_EQ(expected.size(), 512u);
             forget();
+            const OpenClObjects before = opencl_objects();
             opencl().refused_once[call] = number;
             const std::vector<float> scores = scores_of(model.get(), users_, items_, 0, 512);
-            EXPECT_EQ(opencl().count(call), number);
-            EXPECT_TRUE(same_numbers(scores, expected));
+            EXPECT_GE(opencl().count(call), number);
+            EXPECT_TRUE(same_numbers(scores, is_harmless(call) ? on_device : on_host));
             if (call == "clEnqueueReadBuffer") {
                 expect_recorded(209, "src/zx_engine", "Failed to read from GPU buffer");
             } else {
                 expect_untouched();
             }
+            // The next batch is not the worse for it.
+            opencl() = {};
+            EXPECT_TRUE(same_numbers(scores_of(model.get(), users_, items_, 0, 512), on_device));
+            model.reset();
+            EXPECT_EQ(release_objects_since(before).size(), call == "clReleaseMemObject" ? 1 : 0);
         }
     }
 }
@@ -185,19 +185,31 @@ TEST_F(Dispatch, Trains511TriplesOnTheHostAnd512OnTheDevice) {
 TEST_F(Dispatch, TrainsOnTheHostWhatTheDeviceRefuses) {
     const Triples triples = disjoint_triples(kUsers);
     for (const bool biased : {false, true}) {
-        const ModelPtr expected = disjoint_model(kUsers, 24, biased);
-        ASSERT_NE(expected, nullptr);
-        train_on_host(expected.get(), triples);
-        for (const auto& [call, number] : refusals(biased ? 6 : 5, false)) {
+        const ModelPtr on_host = disjoint_model(kUsers, 24, biased);
+        const ModelPtr on_device = disjoint_model(kUsers, 24, biased);
+        ASSERT_TRUE(on_host && on_device);
+        train_on_host(on_host.get(), triples, 0.05f, 0.1f);
+        forget();
+        ASSERT_EQ(train(on_device.get(), triples, 0.05f, 0.1f), ZX_OK);
+        const std::vector<NumberedCall> calls = opencl().numbered();
+        bring_back(on_device.get());
+        EXPECT_FALSE(same_tables(*on_device, bpr_tables(*on_host)));
+        EXPECT_EQ(calls.size(), biased ? 22u : 21u);
+        for (const auto& [call, number] : calls) {
             SCOPED_TRACE(testing::Message() << call << " " << number << " " << biased);
-            const ModelPtr model = disjoint_model(kUsers, 24, biased);
+            ModelPtr model = disjoint_model(kUsers, 24, biased);
             ASSERT_NE(model, nullptr);
             forget();
+            const OpenClObjects before = opencl_objects();
             opencl().refused_once[call] = number;
             EXPECT_EQ(train(model.get(), triples, 0.05f, 0.1f), ZX_OK);
-            EXPECT_EQ(opencl().count(call), number);
-            EXPECT_TRUE(same_tables(*model, bpr_tables(*expected)));
+            EXPECT_GE(opencl().count(call), number);
+            opencl() = {};
+            if (is_harmless(call)) bring_back(model.get());
+            EXPECT_TRUE(same_tables(*model, bpr_tables(is_harmless(call) ? *on_device : *on_host)));
             expect_untouched();
+            model.reset();
+            EXPECT_EQ(release_objects_since(before).size(), call == "clReleaseMemObject" ? 1 : 0);
         }
     }
 }
@@ -209,7 +221,7 @@ TEST_F(Dispatch, SkipsTriplesOutsideTheTablesOnTheHost) {
     ASSERT_TRUE(model && expected);
     triples.users[7] = kUsers;
     triples.negatives[300] = 2 * kUsers;
-    train_on_host(expected.get(), triples);
+    train_on_host(expected.get(), triples, 0.05f, 0.1f);
     EXPECT_EQ(train(model.get(), triples, 0.05f, 0.1f), ZX_OK);
     EXPECT_TRUE(opencl().calls.empty());
     EXPECT_TRUE(same_tables(*model, bpr_tables(*expected)));

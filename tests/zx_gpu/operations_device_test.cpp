@@ -14,10 +14,12 @@ using zx::test::contents;
 using zx::test::expect_recorded;
 using zx::test::expect_untouched;
 using zx::test::Launch;
+using zx::test::NumberedCall;
 using zx::test::opencl;
 using zx::test::Operation;
 using zx::test::plant_record;
 using zx::test::RandomNumbers;
+using zx::test::size_of;
 using zx::test::tensor_of;
 using zx::test::TensorPtr;
 
@@ -27,12 +29,16 @@ constexpr const char* kMisfit = "Tensor shapes do not fit";
 // The tensors of one operation with random contents, and the call on them.
 class Operands {
   public:
-    explicit Operands(const Operation& operation) : operation_(operation) {
+    // With further axes, each tensor has more elements behind those of its table entry.
+    explicit Operands(const Operation& operation,
+                      const std::vector<std::uint32_t>& further_axes = {})
+        : operation_(operation) {
         RandomNumbers random(7);
-        for (const std::vector<std::uint32_t>& dims : operation.dims) {
-            std::size_t size = 1;
-            for (const std::uint32_t extent : dims) size *= extent;
-            owned_.push_back(tensor_of(dims, random.floats(size, -1.0, 1.0)));
+        for (std::vector<std::uint32_t> dims : operation.dims) {
+            std::vector<float> values = random.floats(size_of(dims), -1.0, 1.0);
+            dims.insert(dims.end(), further_axes.begin(), further_axes.end());
+            values.resize(size_of(dims), 0.625f);
+            owned_.push_back(tensor_of(dims, values));
             pointers_.push_back(owned_.back().get());
         }
     }
@@ -207,6 +213,32 @@ TEST_F(CommonOperations, LeaveTheResultOnTheDeviceAndTheHostDataAlone) {
     }
 }
 
+TEST_F(CommonOperations, TakeTensorsOfMoreAxesAsTheirLeadingElements) {
+    for (const Operation& operation : zx::test::operations()) {
+        if (std::string(operation.name) == "softmax_rows") continue;  // it refuses them
+        SCOPED_TRACE(operation.name);
+        const Operands plain(operation);
+        EXPECT_EQ(plain.call(), ZX_OK);
+        EXPECT_EQ(zx_tensor_to_host(plain[operation.result]), ZX_OK);
+        const std::uint64_t needed = operation.needed[operation.result];
+        const auto leading = [&](const Operands& operands) {
+            const zx_tensor_t* const result = operands[operation.result];
+            return std::vector<float>(result->data,
+                                      result->data + (needed != 0 ? needed : operation.global[0]));
+        };
+        for (const std::vector<std::uint32_t>& further_axes :
+             {std::vector<std::uint32_t>{3}, std::vector<std::uint32_t>{1, 2}}) {
+            const Operands operands(operation, further_axes);
+            EXPECT_EQ(operands.call(), ZX_OK);
+            EXPECT_EQ(zx_tensor_to_host(operands[operation.result]), ZX_OK);
+            // Elements that the device takes one by one or several at once differ in the last bits.
+            const std::vector<float> expected = leading(plain);
+            zx::test::expect_close(leading(operands), {expected.begin(), expected.end()}, 1e-6);
+        }
+    }
+    expect_untouched();
+}
+
 TEST_F(CommonOperations, UploadOnlyWhatIsNotCurrentOnTheDevice) {
     for (const Operation& operation : zx::test::operations()) {
         SCOPED_TRACE(operation.name);
@@ -283,6 +315,69 @@ TEST_F(CommonOperations, ReportARefusedLaunchAndRecordItForMatricesOnly) {
         for (std::size_t index = 0; index < operands.size(); ++index)
             EXPECT_EQ(operands[index]->on_device, 1) << index;
     }
+}
+
+// The result of an operation one of whose calls is refused; the record says the same.
+zx_status_t expected_after(const Operation& operation, const NumberedCall& refused) {
+    const auto& [call, number] = refused;
+    if (call == "clCreateBuffer") {
+        if (static_cast<std::size_t>(number) <= operation.upload_order.size()) {
+            expect_untouched();
+            return ZX_ERR_BUFFER_CREATE;
+        }
+        expect_recorded(101, kModule, "Failed to create index buffer");
+        return ZX_ERR_ALLOCATION_FAILED;
+    }
+    if (call == "clSetKernelArg" || call == "clEnqueueNDRangeKernel") {
+        if (operation.refusal)
+            expect_recorded(207, kModule, operation.refusal);
+        else
+            expect_untouched();
+        return ZX_ERR_KERNEL_EXEC;
+    }
+    expect_untouched();
+    return ZX_OK;
+}
+
+TEST_F(CommonOperations, FailAsStatedWhicheverCallIsRefusedAndLeaveNothing) {
+    for (const Operation& operation : zx::test::operations()) {
+        std::vector<NumberedCall> calls;
+        {
+            const Operands operands(operation);
+            opencl() = {};
+            ASSERT_EQ(operands.call(), ZX_OK);
+            ASSERT_EQ(zx_tensor_to_host(operands[operation.result]), ZX_OK);
+            calls = opencl().numbered();
+        }
+        for (const NumberedCall& refused : calls) {
+            SCOPED_TRACE(std::string(operation.name) + " " + refused.first + " " +
+                         std::to_string(refused.second));
+            const zx::test::OpenClObjects before = zx::test::opencl_objects();
+            {
+                const Operands operands(operation);
+                const std::vector<float> untouched = contents(operands[operation.result]);
+                opencl() = {};
+                opencl().refused_once.insert(refused);
+                plant_record();
+                const zx_status_t status = operands.call();
+                EXPECT_EQ(status, expected_after(operation, refused));
+                EXPECT_EQ(opencl().launches.size(),
+                          status == ZX_OK || refused.first == "clEnqueueNDRangeKernel" ? 1U : 0U);
+                if (refused.first == "clEnqueueReadBuffer") {
+                    EXPECT_EQ(zx_tensor_to_host(operands[operation.result]), ZX_ERR_TRANSFER);
+                    expect_recorded(209, "src/zx_engine", "Failed to read from GPU buffer");
+                    EXPECT_EQ(contents(operands[operation.result]), untouched);
+                    EXPECT_EQ(operands[operation.result]->on_device, 1);
+                }
+                // The next call is not the worse for it.
+                opencl() = {};
+                EXPECT_EQ(operands.call(), ZX_OK);
+            }
+            EXPECT_EQ(zx::test::release_objects_since(before).size(),
+                      refused.first == "clReleaseMemObject" ? 1U : 0U);
+        }
+    }
+    plant_record();
 }
 
 TEST_F(CommonOperations, ReportAKernelThatTheFileLacksAsARefusedLaunch) {

@@ -10,7 +10,9 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <string_view>
 #include <vector>
 
 namespace zx::test {
@@ -23,11 +25,44 @@ inline TensorPtr tensor_of(const std::vector<std::uint32_t>& dims,
     return tensor;
 }
 
-// Contents that no operation produces, for results that are to be overwritten.
-inline TensorPtr blank(const std::vector<std::uint32_t>& dims) {
+// Whether the device is a simulator, for which large shapes are too slow.
+inline bool is_simulated() {
+    const char* const mode = std::getenv("ZORVEX_TEST_MODE");
+    return mode && std::string_view(mode) == "oclgrind";
+}
+
+struct MatrixShape {
+    std::uint32_t rows;
+    std::uint32_t width;
+};
+
+// Matrices with single, odd, prime and round extents, on both sides of 512, and with more rows or
+// columns than a work-group has items.
+inline const std::vector<MatrixShape> kMatrixShapes = [] {
+    std::vector<MatrixShape> shapes = {{512, 512}, {512, 31},  {7, 512},  {5003, 1},
+                                       {5003, 7},  {5003, 64}, {1, 5003}, {13, 5003}};
+    for (const std::uint32_t rows : {1U, 3U, 17U, 64U, 513U})
+        for (const std::uint32_t width : {1U, 3U, 17U, 64U, 513U}) shapes.push_back({rows, width});
+    if (is_simulated())
+        std::erase_if(shapes, [](const MatrixShape& s) { return s.rows * s.width > 10000; });
+    return shapes;
+}();
+
+// Extents of tensors of one to four axes, in the same variety.
+inline const std::vector<std::vector<std::uint32_t>> kTensorShapes = {
+    {1},     {3},         {17},      {64},      {512},         {513},        {5003},
+    {7, 73}, {1, 1, 509}, {3, 5, 7}, {8, 8, 8}, {2, 3, 5, 17}, {1, 2, 1, 1},
+};
+
+inline std::size_t size_of(const std::vector<std::uint32_t>& dims) {
     std::size_t size = 1;
     for (const std::uint32_t extent : dims) size *= extent;
-    return tensor_of(dims, std::vector<float>(size, -777.0f));
+    return size;
+}
+
+// Contents that no operation produces, for results that are to be overwritten.
+inline TensorPtr blank(const std::vector<std::uint32_t>& dims) {
+    return tensor_of(dims, std::vector<float>(size_of(dims), -777.0f));
 }
 
 // The current contents on the device, fetched to the host.
