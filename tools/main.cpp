@@ -1,7 +1,6 @@
 // The program: reads the command line, runs one subcommand, and turns what went wrong into one line
 // on standard error and an exit status.
-#include "arguments.hpp"
-#include "commands.hpp"
+#include "command_line.hpp"
 #include "console.hpp"
 #include "error.hpp"
 #include "output.hpp"
@@ -21,41 +20,11 @@
 namespace zxtool {
 namespace {
 
-std::string version_text() {
-    return fmt::format("zorvex {}.{}.{}", ZX_VERSION_MAJOR, ZX_VERSION_MINOR, ZX_VERSION_PATCH);
-}
-
-constexpr const char* kFooter =
-    "Results go to standard output, everything else to standard error. Exit status: 0 done, "
-    "1 other failure, 2 usage, 3 bad input data, 4 bad model file, 5 out of memory, 6 input or "
-    "output failed, 130 interrupted. --quiet, --verbose and --json may stand before or behind a "
-    "command; \"zorvex COMMAND --help\" explains a command and its defaults.";
-
-void add_global_options(CLI::App& app, GlobalOptions& global) {
-    app.description("Trains recommenders from interactions, measures them and asks them.");
-    app.footer(kFooter);
-    app.formatter(std::make_shared<HelpFormatter>());
-    app.set_version_flag("--version", version_text(), "Print the version and exit");
-    app.add_flag("-q,--quiet", global.quiet, "Say nothing but results and errors");
-    app.add_flag("-v,--verbose", global.verbose, "Say more about what is read and done");
-    app.add_flag("--json", global.json,
-                 "Results as one JSON object (recommend: as JSON Lines) instead of a table or CSV");
-    app.require_subcommand(1);
-    // Subcommands take these options too, and its formatter; options before subcommands are made.
-    app.fallthrough();
-}
-
 Exit run(int argc, const char* const* argv) {
     const InterruptGuard guard;
     GlobalOptions global;
     CLI::App app("", "zorvex");
-    add_global_options(app, global);
-    add_train(app, global);
-    add_evaluate(app, global);
-    add_recommend(app, global);
-    add_similar(app, global);
-    add_info(app, global);
-    add_generate(app, global);
+    add_command_line(app, global);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& wanted) {  // --help and --version

@@ -22,26 +22,6 @@ const std::map<std::string, Format> kFormats{
 const std::map<std::string, Header> kHeaders{
     {"detect", Header::kDetect}, {"yes", Header::kYes}, {"no", Header::kNo}};
 
-// An option whose value is one of the names of a table.
-template <typename Value>
-void add_choice(CLI::App& command, const std::string& name, Value& value,
-                const std::map<std::string, Value>& choices, const std::string& description) {
-    std::string names;
-    for (const auto& [choice, ignored] : choices) names += (names.empty() ? "" : "|") + choice;
-    command
-        .add_option(
-            name,
-            [&value, &choices, name, names](const CLI::results_t& results) {
-                const auto found = choices.find(results.front());
-                if (found == choices.end())
-                    throw CLI::ValidationError(name, results.front() + " is none of " + names);
-                value = found->second;
-                return true;
-            },
-            description)
-        ->type_name(names);
-}
-
 // The value as the 32-bit number that it becomes: what is too large for one is not finite, and what
 // is too small is 0.
 CLI::Validator number_check(const std::string& what, bool (*accepts)(float)) {

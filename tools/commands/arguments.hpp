@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,26 @@ class HelpFormatter : public CLI::Formatter {
 // The text with line breaks so that no line is longer than `width`, if its words allow it. Line
 // breaks in the text stay.
 std::string wrapped(const std::string& text, std::size_t width);
+
+// An option whose value is one of the names of a table, which outlives the parsing.
+template <typename Value>
+CLI::Option* add_choice(CLI::App& command, const std::string& name, Value& value,
+                const std::map<std::string, Value>& choices, const std::string& description) {
+    std::string names;
+    for (const auto& [choice, ignored] : choices) names += (names.empty() ? "" : "|") + choice;
+    return command
+        .add_option(
+            name,
+            [&value, &choices, name, names](const CLI::results_t& results) {
+                const auto found = choices.find(results.front());
+                if (found == choices.end())
+                    throw CLI::ValidationError(name, results.front() + " is none of " + names);
+                value = found->second;
+                return true;
+            },
+            description)
+        ->type_name(names);
+}
 
 // --format and --header.
 void add_read_options(CLI::App& command, ReadOptions& options);

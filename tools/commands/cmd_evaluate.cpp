@@ -1,6 +1,7 @@
 // zorvex evaluate: a model's figures on held-out pairs, beside those of a popularity ranking.
 #include "arguments.hpp"
 #include "commands.hpp"
+#include "device.hpp"
 #include "error.hpp"
 #include "evaluation.hpp"
 #include "model_inputs.hpp"
@@ -24,6 +25,7 @@ struct EvaluateOptions {
     std::vector<std::uint32_t> ks{5, 10, 20};
     std::uint64_t seed = 42;
     unsigned threads = 0;
+    DeviceChoice device = DeviceChoice::kAuto;
     bool skip_unknown = false;
     ReadOptions read;
 };
@@ -92,6 +94,7 @@ void evaluate(const EvaluateOptions& options, const GlobalOptions& global) {
     if (options.test.empty() && options.negatives.empty())
         throw Error(Exit::kUsage, "--test or --negatives is needed");
     refuse_standard_input_twice({options.test, options.train, options.negatives});
+    std::unique_ptr<Device> device;  // outlives the model, of which it may have a copy
     const StoredModel stored = open_model(options.model, console);
     const unsigned num_threads = threads_to_use(options.threads);
     const bool has_train = !options.train.empty();
@@ -105,7 +108,7 @@ void evaluate(const EvaluateOptions& options, const GlobalOptions& global) {
     } else {
         console.note("without --train nothing is excluded and there is no popularity baseline");
     }
-    const MakeScorer by_model = [&] { return model_scorer(*stored.model); };
+    const MakeScorer by_model = [&] { return model_scorer(*stored.model, device.get()); };
     const MakeScorer by_popularity = [&] { return popularity->scorer(); };
 
     Evaluation evaluation;
@@ -122,6 +125,9 @@ void evaluate(const EvaluateOptions& options, const GlobalOptions& global) {
         if (set.also_in_training != 0)
             console.warn(fmt::format("{} test pairs are training pairs too and are left out",
                                      set.also_in_training));
+        device = Device::open(options.device,
+                              device_use(*stored.model, set.trained.size() + set.untrained.size()),
+                              console);
         const auto measure = [&](const char* name, const std::vector<std::uint32_t>& users) {
             if (users.empty()) return;
             GroupFigures group{.name = name,
@@ -142,6 +148,8 @@ void evaluate(const EvaluateOptions& options, const GlobalOptions& global) {
         report["test_pairs"] = set.pairs;
         report["test_pairs_also_in_training"] = set.also_in_training;
         report["test_users_without_training_rows"] = set.untrained.size();
+    } else {
+        device = Device::open(options.device, device_use(*stored.model, 0), console);
     }
     if (!options.negatives.empty()) {
         UnknownIds unknown;
@@ -228,6 +236,10 @@ void add_evaluate(CLI::App& app, const GlobalOptions& global) {
                       "Leave out, and count, rows with ids that the model does not know instead "
                       "of failing");
     add_read_options(*command, options->read);
+    add_device(
+        *command, options->device,
+        "A device scores the full rankings, of 512 items or more; their last bits may differ "
+        "from the CPU's. For auto, users * items * dimension must be at least 10^10 as well.");
     add_threads(*command, options->threads);
     command->callback([options, &global] {
         options->read.on_block = [](std::uint64_t /*bytes*/) { stop_if_interrupted(); };

@@ -1,6 +1,7 @@
 // zorvex recommend: the best items for users, the excluded ones left out.
 #include "arguments.hpp"
 #include "commands.hpp"
+#include "device.hpp"
 #include "error.hpp"
 #include "model_inputs.hpp"
 #include "output.hpp"
@@ -29,6 +30,7 @@ struct RecommendOptions {
     std::string exclude;
     std::string output;
     unsigned threads = 0;
+    DeviceChoice device = DeviceChoice::kAuto;
     bool skip_unknown = false;
     ReadOptions read;
 };
@@ -73,8 +75,8 @@ Render table_renderer(const StoredModel& stored, bool colours) {
 
 // Answers for the users, in their order, by as many threads as wanted.
 void write_answers(const StoredModel& stored, const std::vector<std::uint32_t>& users,
-                   const ItemLists& excluded, const RecommendOptions& options, const Render& render,
-                   Output& output, Progress& progress) {
+                   const ItemLists& excluded, const RecommendOptions& options, Device* device,
+                   const Render& render, Output& output, Progress& progress) {
     const unsigned num_threads = threads_to_use(options.threads);
     std::vector<std::optional<Recommender>> recommenders(num_threads);
     std::vector<std::string> texts(kBlocksPerRound);
@@ -83,7 +85,7 @@ void write_answers(const StoredModel& stored, const std::vector<std::uint32_t>& 
         const std::size_t count = std::min(kRound, users.size() - first);
         for_each_block(count, kUsersPerBlock, num_threads, [&](unsigned w, const Block& block) {
             stop_if_interrupted();
-            if (!recommenders[w]) recommenders[w].emplace(*stored.model, excluded);
+            if (!recommenders[w]) recommenders[w].emplace(*stored.model, excluded, device);
             std::string& text = texts[block.index];
             text.clear();
             for (std::size_t i = block.begin; i < block.end; ++i) {
@@ -102,6 +104,7 @@ void recommend(const RecommendOptions& options, const GlobalOptions& global) {
     if (options.all != options.users.empty())
         throw Error(Exit::kUsage, "either --user or --all is needed, and not both");
     refuse_overwriting({options.output}, {options.model, options.model + ".ids", options.exclude});
+    std::unique_ptr<Device> device;  // outlives the model, of which it may have a copy
     const StoredModel stored = open_model(options.model, console);
 
     std::vector<std::uint32_t> users =
@@ -117,6 +120,8 @@ void recommend(const RecommendOptions& options, const GlobalOptions& global) {
         excluded = ItemLists(stored.users.size(), rows.users, rows.items);
     }
 
+    device = Device::open(options.device, device_use(*stored.model, users.size()), console);
+
     std::optional<Output> file;
     if (!options.output.empty()) file.emplace(options.output);
     Output standard;
@@ -129,7 +134,7 @@ void recommend(const RecommendOptions& options, const GlobalOptions& global) {
     {
         const Console silent = Console::silent();
         Progress progress(output.is_terminal() ? silent : console, users.size(), "users");
-        write_answers(stored, users, excluded, options, render, output, progress);
+        write_answers(stored, users, excluded, options, device.get(), render, output, progress);
     }
     output.close();
     if (file) console.note(fmt::format("{}: {} users", options.output, users.size()));
@@ -167,6 +172,10 @@ void add_recommend(CLI::App& app, const GlobalOptions& global) {
     command->add_flag("--skip-unknown", options->skip_unknown,
                       "Leave out, and count, what the model does not know instead of failing");
     add_read_options(*command, options->read);
+    add_device(*command, options->device,
+               "A device scores all items of a user, if they are 512 or more; the last bits may "
+               "differ from the CPU's. For auto, users * items * dimension must be at least 10^10 "
+               "as well.");
     add_threads(*command, options->threads);
     command->callback([options, &global] {
         options->read.on_block = [](std::uint64_t /*bytes*/) { stop_if_interrupted(); };

@@ -3,6 +3,7 @@
 #include "atomic_file.hpp"
 #include "commands.hpp"
 #include "dataset.hpp"
+#include "device.hpp"
 #include "error.hpp"
 #include "evaluation.hpp"
 #include "held_out.hpp"
@@ -40,6 +41,7 @@ struct TrainCommand {
     std::uint32_t checkpoint = 0;
     std::string write_train;
     std::string write_test;
+    DeviceChoice device = DeviceChoice::kAuto;
     ReadOptions read;
 };
 
@@ -136,7 +138,7 @@ struct Result {
 };
 
 Result run_training(const Dataset& data, const HeldOut& held_out, const TrainCommand& options,
-                    const TrainerOptions& trainer, const Console& console) {
+                    const TrainerOptions& trainer, Device* device, const Console& console) {
     Result result;
     std::uint32_t saved_epoch = 0;
     Progress progress(console, std::uint64_t{data.train_users.size()} * trainer.epochs,
@@ -161,7 +163,8 @@ Result run_training(const Dataset& data, const HeldOut& held_out, const TrainCom
     try {
         result.model = train(data, trainer,
                              {.advance = [&](std::uint64_t pairs) { progress.advance(pairs); },
-                              .epoch_done = epoch_done});
+                              .epoch_done = epoch_done},
+                             device);
         stop_if_interrupted();
     } catch (const Error& error) {
         if (error.status() == Exit::kInputOutput) throw;  // a failed save says what it left
@@ -211,6 +214,9 @@ void run_train(const TrainCommand& options, const GlobalOptions& global) {
         const AtomicFile probe(options.model);
     }
     const Dataset data = read_dataset(options, console);
+    const TrainerOptions trainer = options_for(data, options);
+    const std::unique_ptr<Device> device =
+        Device::open(options.device, device_use(data, trainer), console);
     write_split(data, options);
 
     const HeldOut held_out(data, options.k, threads_to_use(0));
@@ -221,8 +227,7 @@ void run_train(const TrainCommand& options, const GlobalOptions& global) {
     } else if (!options.holdout.empty()) {
         console.warn("nothing is held out: no user has enough interactions");
     }
-    const TrainerOptions trainer = options_for(data, options);
-    Result result = run_training(data, held_out, options, trainer, console);
+    Result result = run_training(data, held_out, options, trainer, device.get(), console);
     save_model(*result.model, data.users, data.items, options.model);
 
     const Json summary = summary_of(options, trainer, data, result, popularity);
@@ -356,11 +361,16 @@ void add_training_options(CLI::App& command, TrainCommand& options) {
         ->check(at_least_one())
         ->type_name("N");
     command
-        .add_option("--seed", trainer.seed,
-                    "Seed of the start, the order, the negatives and a fraction's choice "
-                    "(default 42: any will do); the same seed and input give the same bytes")
+        .add_option(
+            "--seed", trainer.seed,
+            "Seed of the start, the order, the negatives and a fraction's choice "
+            "(default 42: any will do); the same seed and input give the same bytes on the CPU")
         ->check(whole_number())
         ->type_name("N");
+    add_device(command, options.device,
+               "BPR batches of 512 triples or more run on a device, ALS never. A device loses some "
+               "updates of rows that triples of a batch share, so the same seed does not give the "
+               "same bytes there.");
     command
         .add_option("--checkpoint", options.checkpoint,
                     "Save model and ids every N epochs (default: only at the end, so that an "

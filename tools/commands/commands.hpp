@@ -14,5 +14,6 @@ void add_recommend(CLI::App& app, const GlobalOptions& global);
 void add_similar(CLI::App& app, const GlobalOptions& global);
 void add_info(CLI::App& app, const GlobalOptions& global);
 void add_generate(CLI::App& app, const GlobalOptions& global);
+void add_devices(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace zxtool

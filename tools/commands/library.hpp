@@ -3,9 +3,13 @@
 
 #include "zorvex.h"
 
+#include <string>
 #include <string_view>
 
 namespace zxtool {
+
+// What was being done and what the library says about a failure of it.
+std::string failure_text(zx_status_t status, std::string_view doing);
 
 // Throws unless the status is ZX_OK: Error(kOutOfMemory) when memory was short, else
 // Error(kFailure), with what was being done and what the library says about it.

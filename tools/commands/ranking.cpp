@@ -45,6 +45,61 @@ class ModelScorer : public Scorer {
     std::vector<float> list_scores_;
 };
 
+struct TensorRelease {
+    void operator()(zx_tensor_t* tensor) const { zx_tensor_release(tensor); }
+};
+using TensorPtr = std::unique_ptr<zx_tensor_t, TensorRelease>;
+
+TensorPtr make_tensor(std::uint32_t size) {
+    zx_clear_error();
+    TensorPtr tensor(zx_tensor_create_1d(size));
+    if (!tensor) fail_construction("making room for scores");
+    return tensor;
+}
+
+// All items on the device, the biases added here; what the device is not used for on the host.
+class DeviceScorer : public Scorer {
+  public:
+    DeviceScorer(const zx_model_t& model, Device& device)
+        : model_(model),
+          device_(device),
+          host_(model),
+          user_row_(make_tensor(model.embedding_dim)),
+          scores_(make_tensor(model.num_items)) {}
+
+    std::span<const float> scores(std::uint32_t user) override {
+        const float* const row = zx_tensor_row_ptr(model_.user_embeddings, user);
+        std::copy_n(row, model_.embedding_dim, zx_tensor_data(user_row_.get()));
+        user_row_->on_device = 0;  // what is there is the user before
+        const auto dot_products = [this] {
+            const zx_status_t status =
+                zx_gpu_score_all_items(scores_.get(), user_row_.get(), model_.item_embeddings);
+            return status == ZX_OK ? zx_tensor_to_host(scores_.get()) : status;
+        };
+        if (!device_.run("scoring", dot_products)) return host_.scores(user);
+
+        const std::span<float> scores(zx_tensor_data(scores_.get()), model_.num_items);
+        if (model_.use_bias != 0) {
+            const float user_part = zx_tensor_data(model_.user_biases)[user] + model_.global_bias;
+            const float* bias = zx_tensor_data(model_.item_biases);
+            for (float& score : scores) score = (*bias++ + score) + user_part;
+        }
+        return scores;
+    }
+
+    std::span<const float> scores_of(std::uint32_t user,
+                                     std::span<const std::uint32_t> items) override {
+        return host_.scores_of(user, items);
+    }
+
+  private:
+    const zx_model_t& model_;
+    Device& device_;
+    ModelScorer host_;
+    TensorPtr user_row_;
+    TensorPtr scores_;
+};
+
 class PopularityScorer : public Scorer {
   public:
     explicit PopularityScorer(const std::vector<float>& counts) : counts_(counts) {}
@@ -106,8 +161,18 @@ bool ranks_before(float score, std::uint32_t item, float other_score, std::uint3
     return a > b || (a == b && item < other_item);
 }
 
-std::unique_ptr<Scorer> model_scorer(const zx_model_t& model) {
+std::unique_ptr<Scorer> model_scorer(const zx_model_t& model, Device* device) {
+    if (device != nullptr && model.num_items >= kMinDeviceBatch)
+        return std::make_unique<DeviceScorer>(model, *device);
     return std::make_unique<ModelScorer>(model);
+}
+
+DeviceUse device_use(const zx_model_t& model, std::uint64_t num_users) {
+    constexpr double kMultiplyAddsPerSecond = 1e10;  // of a core; a device starts in about a second
+    return {.work = "full rankings of 512 items or more",
+            .possible = num_users != 0 && model.num_items >= kMinDeviceBatch,
+            .worthwhile = static_cast<double>(num_users) * model.num_items * model.embedding_dim >=
+                          kMultiplyAddsPerSecond};
 }
 
 Popularity::Popularity(std::uint32_t num_items, const std::vector<std::uint32_t>& train_items) {

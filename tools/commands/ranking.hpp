@@ -3,6 +3,7 @@
 // last.
 #pragma once
 
+#include "device.hpp"
 #include "metrics.hpp"
 #include "model_store.hpp"
 
@@ -48,8 +49,14 @@ class Scorer {
                                              std::span<const std::uint32_t> items) = 0;
 };
 
-// What the model says.
-std::unique_ptr<Scorer> model_scorer(const zx_model_t& model);
+// What the model says, whose current numbers are the host's. With a device, all items are scored
+// there, if they are kMinDeviceBatch or more; such scores may differ from the host's in their last
+// bits.
+std::unique_ptr<Scorer> model_scorer(const zx_model_t& model, Device* device = nullptr);
+
+// What a device would do for the rankings of so many users. It is worthwhile if a processor core
+// would be busy for longer than it takes to start a device and build its kernels.
+DeviceUse device_use(const zx_model_t& model, std::uint64_t num_users);
 
 // How often each item occurs in the training rows, the same for every user. Counts above 2^24 are
 // rounded.

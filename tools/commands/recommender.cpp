@@ -16,6 +16,13 @@ bool is_nan(float score) {
     return std::isnan(score);
 }
 
+// Leaves the k best, best first.
+void keep_best(std::vector<zx_scored_item_t>& items, std::uint32_t k) {
+    const auto kept = static_cast<std::ptrdiff_t>(std::min<std::size_t>(k, items.size()));
+    std::partial_sort(items.begin(), items.begin() + kept, items.end(), better);
+    items.resize(static_cast<std::size_t>(kept));
+}
+
 double dot(const float* a, const float* b, std::uint32_t d) {
     double sum = 0.0;
     for (std::uint32_t k = 0; k < d; ++k) sum += static_cast<double>(a[k]) * b[k];
@@ -24,8 +31,10 @@ double dot(const float* a, const float* b, std::uint32_t d) {
 
 }  // namespace
 
-Recommender::Recommender(const zx_model_t& model, const ItemLists& excluded)
-    : model_(light_copy(model)), excluded_(excluded) {}
+Recommender::Recommender(const zx_model_t& model, const ItemLists& excluded, Device* device)
+    : model_(light_copy(model)),
+      device_scorer_(device != nullptr ? model_scorer(model, device) : nullptr),
+      excluded_(excluded) {}
 
 void Recommender::ask(std::uint32_t user, std::uint32_t count) {
     items_.resize(count);
@@ -33,7 +42,7 @@ void Recommender::ask(std::uint32_t user, std::uint32_t count) {
     check(zx_recommend(model_.get(), user, count, items_.data(), scores_.data()), "recommending");
 }
 
-const std::vector<zx_scored_item_t>& Recommender::best(std::uint32_t user, std::uint32_t k) {
+void Recommender::take_from_library(std::uint32_t user, std::uint32_t k) {
     // However many of the best are excluded, K allowed ones are among that many more.
     const std::span<const std::uint32_t> excluded = excluded_.of(user);
     const std::uint64_t wanted = std::uint64_t{k} + excluded.size();
@@ -49,13 +58,31 @@ const std::vector<zx_scored_item_t>& Recommender::best(std::uint32_t user, std::
             ask(user, model_->num_items);
     }
 
-    best_.clear();
     for (std::size_t i = 0; i < items_.size(); ++i) {
         if (!std::binary_search(excluded.begin(), excluded.end(), items_[i]))
             best_.push_back({.score = scores_[i], .item = items_[i]});
     }
-    std::sort(best_.begin(), best_.end(), better);
-    if (best_.size() > k) best_.resize(k);
+}
+
+void Recommender::take_from_device(std::uint32_t user) {
+    const std::span<const float> scores = device_scorer_->scores(user);
+    const std::span<const std::uint32_t> excluded = excluded_.of(user);
+    auto next_excluded = excluded.begin();
+    for (std::uint32_t item = 0; item < model_->num_items; ++item) {
+        if (next_excluded != excluded.end() && *next_excluded == item)
+            ++next_excluded;
+        else
+            best_.push_back({.score = scores[item], .item = item});
+    }
+}
+
+const std::vector<zx_scored_item_t>& Recommender::best(std::uint32_t user, std::uint32_t k) {
+    best_.clear();
+    if (device_scorer_)
+        take_from_device(user);
+    else
+        take_from_library(user, k);
+    keep_best(best_, k);
     return best_;
 }
 
@@ -73,9 +100,7 @@ std::vector<zx_scored_item_t> most_similar(const zx_model_t& model, std::uint32_
         const double cosine = lengths > 0.0 ? dot(own, row, d) / lengths : 0.0;
         all.push_back({.score = static_cast<float>(cosine), .item = other});
     }
-    const auto kept = static_cast<std::ptrdiff_t>(std::min<std::size_t>(k, all.size()));
-    std::partial_sort(all.begin(), all.begin() + kept, all.end(), better);
-    all.resize(static_cast<std::size_t>(kept));
+    keep_best(all, k);
     return all;
 }
 

@@ -6,6 +6,7 @@
 #include "ranking.hpp"
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace zxtool {
@@ -13,17 +14,22 @@ namespace zxtool {
 // One object serves one thread.
 class Recommender {
   public:
-    // Refers to the lists.
-    Recommender(const zx_model_t& model, const ItemLists& excluded);
+    // Refers to the lists, and to the device, which scores all items as for model_scorer().
+    Recommender(const zx_model_t& model, const ItemLists& excluded, Device* device = nullptr);
 
     // Best first, see ranks_before(); valid until the next call. k is not 0.
     const std::vector<zx_scored_item_t>& best(std::uint32_t user, std::uint32_t k);
 
   private:
+    // The allowed ones of the library's best, enough of them, into best_.
+    void take_from_library(std::uint32_t user, std::uint32_t k);
+    // All allowed ones with the device's scores, into best_.
+    void take_from_device(std::uint32_t user);
     // The library's `count` best, into items_ and scores_.
     void ask(std::uint32_t user, std::uint32_t count);
 
     ModelPtr model_;
+    std::unique_ptr<Scorer> device_scorer_;  // null without a device
     const ItemLists& excluded_;
     std::vector<std::uint32_t> items_;
     std::vector<float> scores_;

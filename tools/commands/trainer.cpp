@@ -1,5 +1,6 @@
 #include "trainer.hpp"
 
+#include "bpr_steps.hpp"
 #include "error.hpp"
 #include "library.hpp"
 #include "signals.hpp"
@@ -24,6 +25,7 @@ class Epochs {
     Epochs(const Epochs&) = delete;
     Epochs& operator=(const Epochs&) = delete;
     virtual ~Epochs() = default;
+    // The model's current numbers are the host's, before and after.
     virtual void run_one(zx_model_t& model, const Advance& advance) = 0;
 };
 
@@ -51,8 +53,9 @@ class AlsEpochs : public Epochs {
 // a third of them out of any one epoch; held-out figures are the same, within what seeds make.
 class BprEpochs : public Epochs {
   public:
-    BprEpochs(const Dataset& data, const TrainerOptions& options)
+    BprEpochs(const Dataset& data, const TrainerOptions& options, Device* device)
         : options_(options),
+          device_(device),
           positives_(make_csr(data.users.size(), data.items.size(), data.train_users,
                               data.train_items, nullptr)),
           users_(options.batch),
@@ -65,6 +68,7 @@ class BprEpochs : public Epochs {
 
     void run_one(zx_model_t& model, const Advance& advance) override {
         const float rate = learning_rate_at(options_, ++epoch_);
+        BprSteps steps(model, device_);
         shuffle();
         for (std::size_t begin = 0; begin < pairs_.size(); begin += options_.batch) {
             stop_if_interrupted();
@@ -74,12 +78,11 @@ class BprEpochs : public Epochs {
                 std::tie(users_[i], positive_items_[i]) = pairs_[begin + i];
             zx_sample_negatives_uniform(positives_.get(), users_.data(), negative_items_.data(),
                                         count, model.num_items);
-            check(zx_model_train_step_bpr(&model, users_.data(), positive_items_.data(),
-                                          negative_items_.data(), count, rate,
-                                          options_.regularization),
-                  "training");
+            steps.step(users_.data(), positive_items_.data(), negative_items_.data(), count, rate,
+                       options_.regularization);
             advance(count);
         }
+        steps.bring_to_host();
     }
 
   private:
@@ -99,6 +102,7 @@ class BprEpochs : public Epochs {
     }
 
     const TrainerOptions& options_;
+    Device* const device_;
     std::uint32_t epoch_ = 0;
     SparsePtr positives_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> pairs_;  // (user, item)
@@ -107,9 +111,10 @@ class BprEpochs : public Epochs {
     std::vector<std::uint32_t> negative_items_;
 };
 
-std::unique_ptr<Epochs> make_epochs(const Dataset& data, const TrainerOptions& options) {
+std::unique_ptr<Epochs> make_epochs(const Dataset& data, const TrainerOptions& options,
+                                    Device* device) {
     if (options.algorithm == Algorithm::kAls) return std::make_unique<AlsEpochs>(data, options);
-    return std::make_unique<BprEpochs>(data, options);
+    return std::make_unique<BprEpochs>(data, options, device);
 }
 
 bool all_finite(const zx_tensor_t* tensor) {
@@ -141,8 +146,17 @@ bool all_finite(const zx_model_t& model) {
            all_finite(model.user_biases) && all_finite(model.item_biases);
 }
 
-ModelPtr train(const Dataset& data, const TrainerOptions& options, const TrainerHooks& hooks) {
-    const std::unique_ptr<Epochs> epochs = make_epochs(data, options);
+DeviceUse device_use(const Dataset& data, const TrainerOptions& options) {
+    const bool possible = options.algorithm == Algorithm::kBpr &&
+                          options.batch >= kMinDeviceBatch &&
+                          data.train_users.size() >= kMinDeviceBatch;
+    return {
+        .work = "BPR batches of 512 triples or more", .possible = possible, .worthwhile = possible};
+}
+
+ModelPtr train(const Dataset& data, const TrainerOptions& options, const TrainerHooks& hooks,
+               Device* device) {
+    const std::unique_ptr<Epochs> epochs = make_epochs(data, options, device);
 
     zx_rng_seed(options.seed);
     zx_clear_error();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "dataset.hpp"
+#include "device.hpp"
 #include "model_store.hpp"
 
 #include <cstdint>
@@ -31,10 +32,16 @@ struct TrainerHooks {
     std::function<void(std::uint32_t epoch, double seconds, const zx_model_t& model)> epoch_done;
 };
 
-// Trains from a fresh start: the same data, options and seed give the same model, to the byte. The
+// What a device would do for a training.
+DeviceUse device_use(const Dataset& data, const TrainerOptions& options);
+
+// Trains from a fresh start. Without a device, and with no engine running, the same data, options
+// and seed give the same model, to the byte. With one, updates of rows that triples of a batch
+// share may get lost; the model that the hooks see, and the result, are current on the host. The
 // hooks must not draw from this thread's generator. Throws Error: kInterrupted between two epochs
-// or batches, kFailure when the numbers run away, kOutOfMemory.
-ModelPtr train(const Dataset& data, const TrainerOptions& options, const TrainerHooks& hooks);
+// or batches, kFailure when the numbers run away, kOutOfMemory, kNoDevice.
+ModelPtr train(const Dataset& data, const TrainerOptions& options, const TrainerHooks& hooks,
+               Device* device = nullptr);
 
 // The learning rate of an epoch, from 1: options.learning_rate, and over the second half of the
 // epochs falling in equal steps towards 0, unless the rate is constant.

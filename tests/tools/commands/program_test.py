@@ -6,7 +6,7 @@ import unittest
 
 import tool
 
-COMMANDS = ["train", "evaluate", "recommend", "similar", "info", "generate"]
+COMMANDS = ["train", "evaluate", "recommend", "similar", "info", "generate", "devices"]
 
 
 class Program(tool.Case):
@@ -27,7 +27,7 @@ class Program(tool.Case):
         for option in ["--algorithm", "--dim", "--epochs", "--regularization", "--alpha",
                        "--learning-rate", "--constant-rate", "--batch", "--seed", "--checkpoint",
                        "--min-rating", "--core", "--weighted", "--holdout", "-k", "--format",
-                       "--header"]:
+                       "--header", "--device"]:
             entry, = (e for e in entries if re.match(rf"{option}\b", e))
             self.assertRegex(entry, "[Dd]efault", option)
         text = self.good("evaluate", "--help")
@@ -53,6 +53,7 @@ class Program(tool.Case):
         self.write_model("m.zxm", [[1.0]], [[1.0], [2.0]])
         self.write("t.csv", "0,1\n")
         for command in (["--help"], ["--version"], ["info", "m.zxm"], ["generate"],
+                        ["devices"],
                         ["similar", "m.zxm", "--item", "0"], ["recommend", "m.zxm", "--all"],
                         ["evaluate", "m.zxm", "--test", "t.csv"],
                         ["train", "t.csv", "-o", "n.zxm", "--dim", "2"]):

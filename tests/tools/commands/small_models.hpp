@@ -23,6 +23,17 @@ inline ModelPtr model_with_scores(const std::vector<float>& user_factors,
     return model;
 }
 
+// All numbers of a model's tables, as the host's memory has them.
+inline std::vector<float> numbers(const zx_model_t& model) {
+    std::vector<float> all;
+    for (const zx_tensor_t* tensor :
+         {model.user_embeddings, model.item_embeddings, model.user_biases, model.item_biases}) {
+        const float* data = zx_tensor_data(tensor);
+        all.insert(all.end(), data, data + zx_tensor_size(tensor));
+    }
+    return all;
+}
+
 // A random number below n, for making up cases.
 inline std::uint32_t below(std::mt19937& random, std::uint32_t n) {
     return static_cast<std::uint32_t>(random() % n);

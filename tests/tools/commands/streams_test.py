@@ -15,15 +15,16 @@ OPTIONS = {
     "train": ["-o", "--output", "--algorithm", "--dim", "--epochs", "--regularization", "--alpha",
               "--learning-rate", "--constant-rate", "--bias", "--batch", "--seed", "--checkpoint",
               "--min-rating", "--core", "--weighted", "--holdout", "-k", "--write-train",
-              "--write-test", "--format", "--header"],
+              "--write-test", "--format", "--header", "--device"],
     "evaluate": ["--test", "--train", "--negatives", "-k", "--seed", "--skip-unknown", "--format",
-                 "--header", "--threads"],
+                 "--header", "--threads", "--device"],
     "recommend": ["--user", "--all", "-k", "--exclude", "-o", "--output", "--skip-unknown",
-                  "--format", "--header", "--threads"],
+                  "--format", "--header", "--threads", "--device"],
     "similar": ["--item", "-k", "--skip-unknown"],
     "info": [],
     "generate": ["--users", "--items", "--interactions", "--rank", "--noise", "--seed", "-o",
                  "--output"],
+    "devices": [],
 }
 
 
@@ -42,6 +43,7 @@ class StreamsTest(ModelTest):
             "info": ["info", "m.zxm"],
             "generate": ["generate", "--users", 20, "--items", 20, "--interactions", 100, "-o",
                          "made.csv"],
+            "devices": ["devices"],
         }
 
 
@@ -63,7 +65,8 @@ class Help(StreamsTest):
         for command in OPTIONS:
             self.assertRegex(output, rf"\n  {command} +[A-Z]")
         self.assertIn("Exit status: 0 done, 1 other failure, 2 usage, 3 bad input data, 4 bad "
-                      "model file, 5 out of memory, 6 input or output failed, 130 interrupted",
+                      "model file, 5 out of memory, 6 input or output failed, 7 no device "
+                      "though one was demanded, 130 interrupted",
                       " ".join(output.split()))
         self.assertEqual(error, "")
 

@@ -12,10 +12,10 @@ TOOL = os.environ["ZORVEX_TOOL"]
 ENVIRONMENT = {k: v for k, v in os.environ.items() if k not in ("NO_COLOR", "TERM")}
 
 
-def run(*arguments, stdin=None, **options):
+def run(*arguments, stdin=None, program=TOOL, **options):
     """Runs the tool to its end; its output as bytes, its messages as text."""
     options.setdefault("env", ENVIRONMENT)
-    result = subprocess.run([TOOL, *map(str, arguments)], input=stdin, capture_output=True,
+    result = subprocess.run([program, *map(str, arguments)], input=stdin, capture_output=True,
                             check=False, timeout=120, **options)
     result.stderr = result.stderr.decode("utf-8", "backslashreplace")
     return result

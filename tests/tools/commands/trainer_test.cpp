@@ -3,6 +3,7 @@
 #include "trainer.hpp"
 
 #include "error.hpp"
+#include "small_models.hpp"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -59,18 +60,8 @@ TrainerOptions bpr_options() {
 const TrainerHooks kNoHooks{.advance = [](std::uint64_t) {},
                             .epoch_done = [](std::uint32_t, double, const zx_model_t&) {}};
 
-std::vector<float> numbers(const zx_model_t& model) {
-    std::vector<float> all;
-    for (const zx_tensor_t* tensor :
-         {model.user_embeddings, model.item_embeddings, model.user_biases, model.item_biases}) {
-        const float* data = zx_tensor_data(tensor);
-        all.insert(all.end(), data, data + zx_tensor_size(tensor));
-    }
-    return all;
-}
-
 std::vector<float> trained(const TrainerOptions& options) {
-    return numbers(*train(small_dataset(), options, kNoHooks));
+    return test::numbers(*train(small_dataset(), options, kNoHooks));
 }
 
 TEST(Trainer, TheSameSeedGivesTheSameModel) {
