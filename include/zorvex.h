@@ -688,8 +688,8 @@ ZX_API zx_status_t zx_sparse_get_row(const zx_sparse_t* matrix, uint32_t row, ui
  * Copies the three arrays to the device, read-only there. Call it again after editing them.
  *
  * @return ZX_OK; ZX_ERR_NULL_POINTER for null, and after a first upload that failed in part, from
- *         which only releasing the matrix recovers; ZX_ERR_ENGINE_NOT_INITIALIZED,
- * ZX_ERR_BUFFER_CREATE if a device copy cannot be made, as in CPU-only mode (none of these
+ *         which only releasing the matrix recovers; ZX_ERR_ENGINE_NOT_INITIALIZED;
+ *         ZX_ERR_BUFFER_CREATE if a device copy cannot be made, as in CPU-only mode (none of these
  * recorded); ZX_ERR_TRANSFER (recorded, see zx_buffer_write()).
  *
  * Threads: device work, one thread at a time.
@@ -893,9 +893,10 @@ ZX_API zx_status_t zx_model_to_device(zx_model_t* model);
 /**
  * Scores a batch of (user, item) pairs.
  *
- * 512 pairs or more are scored on the device when zx_gpu_is_ready(), by zx_gpu_batched_score(),
- * with the tables that are current there; any failure of the device falls back to the host, whose
- * copies of the tables are then what counts.
+ * 512 pairs or more are scored on the device when zx_gpu_is_ready(), by zx_gpu_batched_score():
+ * from the device copies of tables whose on_device flag is set, current or not, after uploading the
+ * others. Fewer pairs, and all that the device refuses, are scored on the host, from the host data,
+ * whatever the flags say. See zx_model_train_step_bpr() for a host that mixes the sides.
  *
  * A score is dot(user row, item row), for a model with biases (user bias + item bias) + (dot +
  * global bias). The dot product adds four interleaved partial sums, ((s0 + s2) + (s1 + s3)), then
@@ -910,7 +911,8 @@ ZX_API zx_status_t zx_model_to_device(zx_model_t* model);
  *         type"; ZX_ERR_INDEX_OUT_OF_BOUNDS "User ID out of bounds" or, if any item is, "Item ID
  *         out of bounds"; or what zx_tensor_create() records.
  *
- * Threads: any number may score one model while none trains it.
+ * Threads: any number may score one model while none trains it, unless the batch goes to the
+ * device: that is device work, one thread at a time for all models together.
  */
 ZX_API zx_tensor_t* zx_model_score(const zx_model_t* model, const uint32_t* users,
                                    const uint32_t* items, uint32_t count);
@@ -1319,8 +1321,14 @@ ZX_API float zx_loss_backward(zx_loss_config_t config, const zx_tensor_t* a, con
  * do not shrink. A triple sees the updates of those before it.
  *
  * 512 triples or more are run on the device when zx_gpu_is_ready(), by zx_gpu_bpr_batch_update();
- * the new tables are then current on the device only, until zx_tensor_to_host(). Any failure of the
- * device falls back to the host, whose copies of the tables are then what counts.
+ * the new tables are then on the device only, their on_device flags set, until zx_tensor_to_host().
+ * Fewer triples, and all that the device refuses, are run on the host, on the host data, whatever
+ * the flags say, and leave the flags as they are, deliberately. A host that mixes the sides sees to
+ * it itself: it brings the tables back before a host step, and clears their flags or uploads them
+ * after one; a flag that is still set lets the next device batch read the old device copy, and
+ * zx_tensor_to_host() or zx_tensor_sync() overwrite what the host trained. After a refused launch
+ * the flags are set too: a host that must know which side ran calls zx_gpu_bpr_batch_update()
+ * itself.
  *
  * @param model           MF model, updated in place: user embeddings [num_users x d], item
  *                        embeddings [num_items x d] and, with biases, item biases [num_items].
@@ -1336,9 +1344,10 @@ ZX_API float zx_loss_backward(zx_loss_config_t config, const zx_tensor_t* a, con
  *         ZX_ERR_OUT_OF_MEMORY if the scratch row cannot be had (not recorded).
  *         After any error the model is unchanged.
  *
- * Threads: nothing else may use the model during the call.
- * Method: Rendle, Freudenthaler, Gantner, Schmidt-Thieme, "BPR: Bayesian Personalized Ranking from
- * Implicit Feedback", UAI 2009, algorithm LearnBPR, the L2 term as a shrink before the step.
+ * Threads: nothing else may use the model during the call; a batch that goes to the device is
+ * device work, one thread at a time for all models together. Method: Rendle, Freudenthaler,
+ * Gantner, Schmidt-Thieme, "BPR: Bayesian Personalized Ranking from Implicit Feedback", UAI 2009,
+ * algorithm LearnBPR, the L2 term as a shrink before the step.
  */
 ZX_API zx_status_t zx_model_train_step_bpr(zx_model_t* model, const uint32_t* users,
                                            const uint32_t* pos_items, const uint32_t* neg_items,
@@ -1484,16 +1493,18 @@ ZX_API bool zx_gpu_is_ready(void);
  *
  * Each checks, in this order: kernels are loaded (else ZX_ERR_ENGINE_NOT_INITIALIZED, recorded,
  * "GPU not initialized"); its tensors, in the order of its arguments, are not null and have host
- * data (else ZX_ERR_NULL_POINTER, recorded, "NULL tensor"); what its own comment says; every count
- * fits 31 bits (else ZX_ERR_OVERFLOW, recorded, "Element count exceeds 32 bits") and every tensor
- * has the elements that the kernel touches (else ZX_ERR_DIMENSION_MISMATCH, recorded, "Tensor
- * shapes do not fit"). Then it uploads the tensors whose device copy is not current, inputs first,
- * returning the first failure of zx_tensor_to_device(), and enqueues its kernel (else
- * ZX_ERR_KERNEL_EXEC, also when the kernel file lacks the kernel).
+ * data (else ZX_ERR_NULL_POINTER, recorded, "NULL tensor"); what its own comment says, ids apart;
+ * every count fits 31 bits (else ZX_ERR_OVERFLOW, recorded, "Element count exceeds 32 bits") and
+ * every tensor has the elements that the kernel touches (else ZX_ERR_DIMENSION_MISMATCH, recorded,
+ * "Tensor shapes do not fit"); ids are in their tables. Then it uploads the tensors whose device
+ * copy is not current, inputs first, returning the first failure of zx_tensor_to_device(), and
+ * enqueues its kernel (else ZX_ERR_KERNEL_EXEC, also when the kernel file lacks the kernel).
  *
  * Unless said otherwise an operation neither waits nor copies back: its result is current on the
  * device, and the host data is stale until zx_tensor_to_host(). A tensor's on_device flag says
  * which copy counts; a host that writes through zx_tensor_data() uploads again before device work.
+ * An output that is also an input has undefined contents, but for the operations that say so and
+ * the element-wise ones.
  *
  * Threads: device work, one thread at a time; the engine's in-order queue orders the operations.
  *
@@ -1509,7 +1520,7 @@ ZX_API bool zx_gpu_is_ready(void);
  * @param bias    [n], or null for none.
  * @param relu    whether to apply the rectifier.
  * @return ZX_OK, or a failure as above; a refused launch is recorded, "Dense forward kernel
- * failed".
+ *         failed".
  */
 ZX_API zx_status_t zx_gpu_dense_forward(zx_tensor_t* output, zx_tensor_t* input,
                                         zx_tensor_t* weight, zx_tensor_t* bias, bool relu);
@@ -1530,7 +1541,7 @@ ZX_API zx_status_t zx_gpu_matmul(zx_tensor_t* c, zx_tensor_t* a, zx_tensor_t* b)
  * @param output   [count x d] receives the rows.
  * @param table    [rows x d].
  * @param indices  [count] rows wanted; borrowed for the call. One that the table does not have
- * gives zeros.
+ *                 gives zeros.
  * @param count    number of rows wanted; 0 is reported as an index buffer that cannot be made.
  * @return ZX_OK, or a failure as above, and, recorded, ZX_ERR_NULL_POINTER "NULL indices";
  *         ZX_ERR_ALLOCATION_FAILED "Failed to create index buffer"; a refused launch is recorded,
@@ -1645,7 +1656,9 @@ ZX_API zx_status_t zx_gpu_bpr_update(zx_tensor_t* user_vec, zx_tensor_t* pos_vec
  * @param item_bias                  [num_items], updated if use_bias; may be null.
  * @param users, pos_items, neg_items  [batch] ids; borrowed for the call.
  * @param batch                      number of triples.
- * @param use_bias                   whether biases take part; give item_bias with it.
+ * @param use_bias                   whether biases take part; give item_bias with it. Without it
+ * the call succeeds, deliberately, and the first num_items numbers of the item table are taken, and
+ * changed, as biases.
  * @param lr, reg                    step size and L2 weight.
  * @return ZX_OK, or a failure as above, and ZX_ERR_NULL_POINTER (recorded, "NULL batch arrays") if
  *         an id array is null; ZX_ERR_INDEX_OUT_OF_BOUNDS (not recorded) if an id is not in its

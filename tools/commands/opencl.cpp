@@ -34,20 +34,24 @@ Number number_of(cl_device_id device, cl_device_info what) {
     return given ? number : Number{};
 }
 
-std::vector<OpenClDevice> devices_of(cl_platform_id platform) {
+void add_devices_of(cl_platform_id platform, cl_device_type type,
+                    std::vector<OpenClDevice>& devices) {
     cl_uint count = 0;
-    if (clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, 0, nullptr, &count) != CL_SUCCESS) return {};
+    if (clGetDeviceIDs(platform, type, 0, nullptr, &count) != CL_SUCCESS || count == 0) return;
     std::vector<cl_device_id> ids(count);
-    if (count == 0 ||
-        clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, count, ids.data(), nullptr) != CL_SUCCESS)
-        return {};
-    std::vector<OpenClDevice> devices;
-    devices.reserve(count);
+    if (clGetDeviceIDs(platform, type, count, ids.data(), nullptr) != CL_SUCCESS) return;
     for (const cl_device_id id : ids)
         devices.push_back({.name = text_of(clGetDeviceInfo, id, CL_DEVICE_NAME),
                            .type = number_of<cl_device_type>(id, CL_DEVICE_TYPE),
                            .global_memory = number_of<cl_ulong>(id, CL_DEVICE_GLOBAL_MEM_SIZE),
                            .compute_units = number_of<cl_uint>(id, CL_DEVICE_MAX_COMPUTE_UNITS)});
+}
+
+// Custom devices, which run no kernels of ours, are not among "all" of them, and come last.
+std::vector<OpenClDevice> devices_of(cl_platform_id platform) {
+    std::vector<OpenClDevice> devices;
+    add_devices_of(platform, CL_DEVICE_TYPE_ALL, devices);
+    add_devices_of(platform, CL_DEVICE_TYPE_CUSTOM, devices);
     return devices;
 }
 
@@ -80,7 +84,7 @@ std::vector<OpenClPlatform> opencl_platforms() {
                                   [](const auto& device) { return device.is_gpu(); });
     if (gpu != first.end())
         gpu->engine_takes = true;
-    else if (!first.empty())
+    else if (!first.empty() && (first.front().type & CL_DEVICE_TYPE_CUSTOM) == 0)
         first.front().engine_takes = true;
     return platforms;
 }

@@ -43,8 +43,9 @@ class Folder {
     int descriptor_;
 };
 
-// Whether only root, the program's owner and this user decide what stands there: a symbolic link
-// and what it leads to. What is not there belongs to whoever may write to the folder above.
+// Whether only root, the program's owner and this user decide what stands there, or a group that
+// they let (as Debian does with /usr/local): a symbolic link and what it leads to. What is not
+// there belongs to whoever may write to the folder above.
 bool is_in_good_hands(const char* path) {
     struct stat program {};
     struct stat entry {};

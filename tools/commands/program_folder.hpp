@@ -16,7 +16,8 @@ bool in_program_folder(const std::function<void()>& work);
 // To be called in the program's folder: why the kernel file that the engine would take from there
 // is not to be trusted, or nothing. Taken is only the one of the program's own prefix,
 // ../share/zorvex, or of a system folder. The places beside the program that come before it must be
-// empty, and what leads to it must be writable by root, the program's owner and this user only.
+// empty, and what leads to it must be owned by root, the program's owner or this user, and writable
+// by them and groups of their choice only.
 std::string distrust_of_kernel_file();
 
 }  // namespace zxtool
