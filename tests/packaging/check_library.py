@@ -42,6 +42,10 @@ def sorted_list(args):
     return [] if names == sorted(set(names)) else [f"{args.symbols} is not sorted or repeats itself"]
 
 
+def without_comments(path):
+    return re.sub(r"/\*.*?\*/", " ", path.read_text(encoding="utf-8"), flags=re.DOTALL)
+
+
 def exports(args):
     """The library exports exactly the functions of the checked-in list, and nothing else."""
     complaints = []
@@ -56,9 +60,7 @@ def exports(args):
 
 def declarations(args):
     """The header declares exactly the functions of the checked-in list."""
-    header = args.header.read_text(encoding="utf-8")
-    code = re.sub(r"/\*.*?\*/", " ", header, flags=re.DOTALL)
-    code = re.sub(r"^\s*#.*$", " ", code, flags=re.MULTILINE)
+    code = re.sub(r"^\s*#.*$", " ", without_comments(args.header), flags=re.MULTILINE)
     declared = re.findall(r"\bZX_API\b[^;(]*?\b(\w+)\s*\(", code)
     anything = re.findall(r"\b(zx_\w+)\s*\(", code)
     complaints = [f"{name} is declared without ZX_API" for name in sorted(set(anything) - set(declared))]
@@ -67,6 +69,20 @@ def declarations(args):
         complaints.append("a function is declared twice")
     expected = set(listed_symbols(args)) - NOT_IN_THE_HEADER
     return complaints + differences(declared, expected, "declared", "listed")
+
+
+def layouts(args):
+    """The list of layouts names every record of the header and every field of it, and no other."""
+    records, fields = [], []
+    for name, body in re.findall(r"\btypedef (?:struct|union) (\w+) \{(.*?)\} \1;",
+                                 without_comments(args.header), flags=re.DOTALL):
+        records.append(name)
+        fields += [f"{name}.{field}" for field in re.findall(r"(\w+)\s*(?:\[[^\]]*\]\s*)?[;,]", body)]
+    listed = without_comments(args.layouts)
+    return (differences(records, re.findall(r"\bRECORD\((zx_\w+),", listed), "declared", "listed") +
+            differences(fields, [f"{name}.{field}" for name, field in
+                                 re.findall(r"\bFIELD\((zx_\w+), (\w+),", listed)],
+                        "declared", "listed"))
 
 
 def dynamic_entries(args):
@@ -124,7 +140,7 @@ def loading(args):
     return complaints + ([] if text == b"Out of memory" else [f"status 100 is called {text}"])
 
 
-CHECKS = (sorted_list, exports, declarations, needs, soname, hardening, loading)
+CHECKS = (sorted_list, exports, declarations, layouts, needs, soname, hardening, loading)
 
 
 def main():
@@ -133,6 +149,7 @@ def main():
     parser.add_argument("--library", type=pathlib.Path, required=True)
     parser.add_argument("--header", type=pathlib.Path, required=True)
     parser.add_argument("--symbols", type=pathlib.Path, required=True)
+    parser.add_argument("--layouts", type=pathlib.Path, required=True)
     args = parser.parse_args()
     check = next(check for check in CHECKS if check.__name__ == args.check)
     complaints = check(args)
