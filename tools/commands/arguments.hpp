@@ -30,7 +30,8 @@ std::string wrapped(const std::string& text, std::size_t width);
 // An option whose value is one of the names of a table, which outlives the parsing.
 template <typename Value>
 CLI::Option* add_choice(CLI::App& command, const std::string& name, Value& value,
-                const std::map<std::string, Value>& choices, const std::string& description) {
+                        const std::map<std::string, Value>& choices,
+                        const std::string& description) {
     std::string names;
     for (const auto& [choice, ignored] : choices) names += (names.empty() ? "" : "|") + choice;
     return command

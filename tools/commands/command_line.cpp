@@ -44,6 +44,10 @@ void add_command_line(CLI::App& app, GlobalOptions& global) {
     add_recommend(app, global);
     add_similar(app, global);
     add_info(app, global);
+    add_export(app, global);
+    add_convert(app, global);
+    add_inspect(app, global);
+    add_verify(app, global);
     add_generate(app, global);
     add_devices(app, global);
 }

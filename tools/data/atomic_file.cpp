@@ -70,14 +70,14 @@ void AtomicFile::write(std::string_view bytes) {
         fail(target_, "cannot be written");
 }
 
-void AtomicFile::commit() {
+void AtomicFile::settle() {
     if (std::fflush(stream_) != 0 || std::ferror(stream_) != 0) fail(target_, "cannot be written");
     const off_t written = ftello(stream_);
     if (written < 0) fail(target_, "cannot be written");
-    commit(static_cast<std::uint64_t>(written));
+    settle(static_cast<std::uint64_t>(written));
 }
 
-void AtomicFile::commit(std::uint64_t expected_bytes) {
+void AtomicFile::settle(std::uint64_t expected_bytes) {
     struct stat status = {};
     if (fstat(fileno(stream_), &status) != 0) fail(target_, "cannot be written");
     if (static_cast<std::uint64_t>(status.st_size) != expected_bytes)
@@ -86,9 +86,22 @@ void AtomicFile::commit(std::uint64_t expected_bytes) {
     if (fsync(fileno(stream_)) != 0) fail(target_, "cannot be flushed to disk");
     std::FILE* const stream = std::exchange(stream_, nullptr);
     if (std::fclose(stream) != 0) fail(target_, "cannot be written");
+}
+
+void AtomicFile::place() {
     if (std::rename(temporary_.c_str(), target_.c_str()) != 0) fail(target_, "cannot be replaced");
     temporary_.clear();
     sync_folder_of(target_);
+}
+
+void AtomicFile::commit() {
+    settle();
+    place();
+}
+
+void AtomicFile::commit(std::uint64_t expected_bytes) {
+    settle(expected_bytes);
+    place();
 }
 
 std::string follow_links(const std::string& path) {

@@ -26,11 +26,17 @@ class AtomicFile {
     [[nodiscard]] std::FILE* stream() { return stream_; }
     void write(std::string_view bytes);
 
-    // Checks that the file is as long as what went through stream(), flushes it to disk and renames
-    // it over the target. Throws Error(kInputOutput); unless is_in_place(), the target is then what
-    // it was.
-    void commit();
+    // Ends the writing: checks that the file is as long as what went through stream() and flushes
+    // it to disk. Throws Error(kInputOutput).
+    void settle();
     // The same for a file written by name, which must be `expected_bytes` long.
+    void settle(std::uint64_t expected_bytes);
+    // Renames a settled file over the target. Throws Error(kInputOutput); unless is_in_place(), the
+    // target is then what it was.
+    void place();
+
+    // Both steps.
+    void commit();
     void commit(std::uint64_t expected_bytes);
     // Whether the file is in the target's place. It may be there although commit() threw, when only
     // the flushing of the folder failed.
