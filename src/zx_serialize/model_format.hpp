@@ -1,6 +1,7 @@
-// The layout of model files, and of tensor files, which begin like them: a header, a table of tensor descriptors, zeros up to a multiple of 64,
-// then each tensor's data, padded to a multiple of 64 bytes. All integers are little-endian, and so
-// are the processors this library runs on: the structs are the bytes.
+// The layout of model files, and of tensor files, which begin like them: a header, a table of
+// tensor descriptors, zeros up to a multiple of 64, then each tensor's data, padded to a multiple
+// of 64 bytes. All integers are little-endian, and so are the processors this library runs on: the
+// structs are the bytes.
 #pragma once
 
 #include <bit>
