@@ -539,7 +539,8 @@ ZX_API zx_tensor_t* zx_tensor_clone(const zx_tensor_t* tensor);
  * Copies the host data to the device and makes the device copy current.
  *
  * @return ZX_OK; ZX_ERR_NULL_POINTER for null, ZX_ERR_ENGINE_NOT_INITIALIZED, ZX_ERR_BUFFER_CREATE
- *         if the device copy cannot be made, as in CPU-only mode (none of these recorded);
+ *         if the device copy cannot be made, as in CPU-only mode or for a wrapped tensor of more
+ *         bytes than 64 bits count (none of these recorded);
  *         ZX_ERR_TRANSFER (recorded, see zx_buffer_write()).
  *
  * Threads: device work, one thread at a time; the tensor must not be used meanwhile.
@@ -549,8 +550,8 @@ ZX_API zx_status_t zx_tensor_to_device(zx_tensor_t* tensor);
 /**
  * Copies the device copy back into the host data and makes the host copy current.
  *
- * @return ZX_OK; ZX_ERR_NULL_POINTER for null or without a device copy (not recorded);
- *         ZX_ERR_TRANSFER (recorded, see zx_buffer_read()).
+ * @return ZX_OK; ZX_ERR_NULL_POINTER for null or without a device copy, ZX_ERR_BUFFER_CREATE for a
+ *         size as above (neither recorded); ZX_ERR_TRANSFER (recorded, see zx_buffer_read()).
  *
  * Threads: as zx_tensor_to_device().
  */

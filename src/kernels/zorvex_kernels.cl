@@ -5,7 +5,8 @@
  * each name. Conventions:
  *  - Tensors are dense, row-major and of 32-bit floats; element (r, c) of a matrix [R x C] stands at
  *    r * C + c. Indices are computed in size_t: an element number can exceed 32 bits.
- *  - Counts and dimensions are int and not negative; ids and indices are uint.
+ *  - Counts and dimensions are int and not negative; ids and indices are uint. Loops count in
+ *    size_t: an int near its maximum would overflow in its step or in a sum.
  *  - Work-items are one for each element, row or triple, as each kernel says; the work-group size is
  *    the implementation's choice, and no kernel depends on it. Guards against the counts make a
  *    rounded-up global size harmless.
@@ -21,12 +22,17 @@
  * Rows
  * ---------------------------------------------------------------------------------------------- */
 
-inline float horizontal_sum(float4 s) { return (s.x + s.z) + (s.y + s.w); }
+static inline float horizontal_sum(float4 s) { return (s.x + s.z) + (s.y + s.w); }
+
+static inline float horizontal_sum_16(float16 s) {
+    const float8 halves = s.lo + s.hi;
+    return horizontal_sum(halves.lo + halves.hi);
+}
 
 /* The dot product of two rows of d floats: four interleaved sums, then the tail. */
-inline float dot_rows(__global const float* a, __global const float* b, int d) {
+static inline float dot_rows(__global const float* a, __global const float* b, size_t d) {
     float4 s = (float4)(0.0f);
-    int k = 0;
+    size_t k = 0;
     for (; k + 4 <= d; k += 4) s += vload4(0, a + k) * vload4(0, b + k);
     float sum = horizontal_sum(s);
     for (; k < d; ++k) sum += a[k] * b[k];
@@ -37,9 +43,10 @@ inline float dot_rows(__global const float* a, __global const float* b, int d) {
  * Linear algebra and scoring
  * ---------------------------------------------------------------------------------------------- */
 
-inline float dense_unit(__global const float* input, __global const float* weight,
-                        __global const float* bias, int K, int has_bias, size_t m, size_t n) {
-    const float sum = dot_rows(input + m * (size_t)K, weight + n * (size_t)K, K);
+static inline float dense_unit(__global const float* input, __global const float* weight,
+                               __global const float* bias, size_t K, int has_bias, size_t m,
+                               size_t n) {
+    const float sum = dot_rows(input + m * K, weight + n * K, K);
     return has_bias ? sum + bias[n] : sum;
 }
 
@@ -69,21 +76,26 @@ __kernel void dense_forward_relu(__global const float* input, __global const flo
  * C [M x N] = A [M x K] * transposed B [N x K], a tile at a time through local memory. Arguments as
  * matmul_simple. Global size {M, N} rounded up to multiples of TILE, local size {TILE, TILE}. Not
  * launched by the library.
+ *
+ * Neighbouring work-items differ in local id 0. Within its group's tile of C a work-item takes the
+ * element of row local id 1 and column local id 0, so neighbours load neighbouring elements of A
+ * and of B and store neighbouring elements of C.
  */
 __kernel void matmul_tiled(__global const float* A, __global const float* B, __global float* C,
                            const int M, const int K, const int N) {
     __local float tile_a[TILE][TILE];
-    __local float tile_b[TILE][TILE + 1]; /* read by column: one more avoids bank conflicts */
-    const int row = get_local_id(0);
-    const int col = get_local_id(1);
-    const size_t m = get_global_id(0);
-    const size_t n = get_global_id(1);
-    const size_t tile_n = get_group_id(1) * (size_t)TILE + row; /* the row of B this item loads */
+    /* Neighbours read neighbouring rows of it: one more column puts these into different banks. */
+    __local float tile_b[TILE][TILE + 1];
+    const size_t col = get_local_id(0);
+    const size_t row = get_local_id(1);
+    const size_t m = get_group_id(0) * TILE + row;
+    const size_t n = get_group_id(1) * TILE + col;
+    const size_t tile_n = get_group_id(1) * TILE + row; /* the row of B this item loads */
     float sum = 0.0f;
-    for (int k0 = 0; k0 < K; k0 += TILE) {
-        const int k = k0 + col;
-        tile_a[row][col] = m < (size_t)M && k < K ? A[m * K + k] : 0.0f;
-        tile_b[row][col] = tile_n < (size_t)N && k < K ? B[tile_n * K + k] : 0.0f;
+    for (size_t k0 = 0; k0 < (size_t)K; k0 += TILE) {
+        const size_t k = k0 + col;
+        tile_a[row][col] = m < (size_t)M && k < (size_t)K ? A[m * K + k] : 0.0f;
+        tile_b[row][col] = tile_n < (size_t)N && k < (size_t)K ? B[tile_n * K + k] : 0.0f;
         barrier(CLK_LOCAL_MEM_FENCE);
         for (int i = 0; i < TILE; ++i) sum += tile_a[row][i] * tile_b[col][i];
         barrier(CLK_LOCAL_MEM_FENCE);
@@ -145,14 +157,28 @@ __kernel void leaky_relu(__global float* x, const int n, const float alpha) {
     x[g] = v > 0.0f ? v : alpha * v;
 }
 
+/*
+ * Below -88 the exponential overflows, and a reciprocal that a device refines from an estimate turns
+ * infinity into no number.
+ */
 __kernel void sigmoid(__global float* x, const int n) {
     const size_t g = get_global_id(0);
-    if (g < (size_t)n) x[g] = 1.0f / (1.0f + exp(-x[g]));
+    if (g >= (size_t)n) return;
+    const float v = x[g];
+    x[g] = v < -88.0f ? 0.0f : 1.0f / (1.0f + exp(-v));
+}
+
+/*
+ * The largest arguments are answered without tanh, which a device may build from exponentials that
+ * overflow, infinity over infinity. From 10 on, a float has no digits for the difference to 1.
+ */
+static inline float saturating_tanh(float x) {
+    return fabs(x) > 20.0f ? copysign(1.0f, x) : tanh(x);
 }
 
 __kernel void tanh_act(__global float* x, const int n) {
     const size_t g = get_global_id(0);
-    if (g < (size_t)n) x[g] = tanh(x[g]);
+    if (g < (size_t)n) x[g] = saturating_tanh(x[g]);
 }
 
 /* The tanh form: Hendrycks, Gimpel, "Gaussian Error Linear Units", 2016. */
@@ -160,61 +186,121 @@ __kernel void gelu(__global float* x, const int n) {
     const size_t g = get_global_id(0);
     if (g >= (size_t)n) return;
     const float v = x[g];
-    x[g] = 0.5f * v * (1.0f + tanh(0.7978846f * (v + 0.044715f * (v * v * v))));
+    x[g] = 0.5f * v * (1.0f + saturating_tanh(0.7978846f * (v + 0.044715f * (v * v * v))));
 }
 
 /* ------------------------------------------------------------------------------------------------
  * Normalisations. One work-item for each row.
  * ---------------------------------------------------------------------------------------------- */
 
-/* Softmax of each row of x [R x C], in place. Subtracting the maximum keeps exp in range. */
+/*
+ * Softmax of each row of x [R x C], in place. Subtracting the maximum keeps exp in range. One pass
+ * finds the maximum and the sum together: a new maximum scales down what was summed under the old
+ * one (Milakov, Gimelshein, "Online normalizer calculation for softmax", 2018).
+ */
 __kernel void softmax_rows(__global float* x, const int R, const int C) {
     const size_t r = get_global_id(0);
-    if (r >= (size_t)R || C == 0) return;
-    __global float* const row = x + r * C;
-    float largest = row[0];
-    for (int c = 1; c < C; ++c) largest = fmax(largest, row[c]);
-    float sum = 0.0f;
-    for (int c = 0; c < C; ++c) {
-        const float e = exp(row[c] - largest);
-        row[c] = e;
-        sum += e;
+    if (r >= (size_t)R) return;
+    const size_t count = C;
+    __global float* const row = x + r * count;
+    /* Not minus infinity, from which an element of minus infinity has no difference. */
+    float largest = -FLT_MAX;
+    float4 sums = (float4)(0.0f);
+    size_t c = 0;
+    for (; c + 4 <= count; c += 4) {
+        const float4 v = vload4(0, row + c);
+        const float top = fmax(fmax(v.x, v.y), fmax(v.z, v.w));
+        if (top > largest) {
+            sums *= exp(largest - top);
+            largest = top;
+        }
+        sums += exp(v - largest);
+    }
+    float sum = horizontal_sum(sums);
+    for (; c < count; ++c) {
+        if (row[c] > largest) {
+            sum *= exp(largest - row[c]);
+            largest = row[c];
+        }
+        sum += exp(row[c] - largest);
     }
     const float scale = 1.0f / sum;
-    for (int c = 0; c < C; ++c) row[c] *= scale;
+    for (c = 0; c + 4 <= count; c += 4)
+        vstore4(exp(vload4(0, row + c) - largest) * scale, 0, row + c);
+    for (; c < count; ++c) row[c] = exp(row[c] - largest) * scale;
 }
 
 /* out [B] = cosines between the rows of A [B x D] and Bm [B x D]; 0 where a row is zero. */
 __kernel void cosine_similarity(__global const float* A, __global const float* Bm,
                                 __global float* out, const int B, const int D) {
-    const size_t b = get_global_id(0);
-    if (b >= (size_t)B) return;
-    __global const float* const a_row = A + b * D;
-    __global const float* const b_row = Bm + b * D;
-    const float norms = sqrt(dot_rows(a_row, a_row, D)) * sqrt(dot_rows(b_row, b_row, D));
-    out[b] = norms > 0.0f ? dot_rows(a_row, b_row, D) / norms : 0.0f;
+    const size_t row = get_global_id(0);
+    if (row >= (size_t)B) return;
+    const size_t count = D;
+    __global const float* const a = A + row * count;
+    __global const float* const b = Bm + row * count;
+    float4 products = (float4)(0.0f);
+    float4 a_squares = (float4)(0.0f);
+    float4 b_squares = (float4)(0.0f);
+    size_t k = 0;
+    for (; k + 4 <= count; k += 4) {
+        const float4 u = vload4(0, a + k);
+        const float4 v = vload4(0, b + k);
+        products += u * v;
+        a_squares += u * u;
+        b_squares += v * v;
+    }
+    float product = horizontal_sum(products);
+    float a_square = horizontal_sum(a_squares);
+    float b_square = horizontal_sum(b_squares);
+    for (; k < count; ++k) {
+        product += a[k] * b[k];
+        a_square += a[k] * a[k];
+        b_square += b[k] * b[k];
+    }
+    const float norms = sqrt(a_square) * sqrt(b_square);
+    out[row] = norms > 0.0f ? product / norms : 0.0f;
 }
 
 /*
  * Layer normalisation of each row of x [R x C], in place (Ba, Kiros, Hinton, 2016): to mean 0 and
- * variance 1, then times gamma [C] plus beta [C]. The variance is summed around the mean, so that
- * rows far from 0 lose nothing.
+ * variance 1, then times gamma [C] plus beta [C].
+ *
+ * One pass finds mean and squares together (Welford, 1962), in sixteen interleaved parts of the
+ * row, each with its own mean, which are then merged (Chan, Golub, LeVeque, 1979). With fewer parts
+ * the steps, each of which needs the one before, are what takes the time. Everything is counted from
+ * the row's first element, so that rows far from 0 lose nothing.
  */
 __kernel void layer_norm(__global float* x, __global const float* gamma,
                          __global const float* beta, const int R, const int C, const float eps) {
     const size_t r = get_global_id(0);
-    if (r >= (size_t)R) return;
-    __global float* const row = x + r * C;
-    float sum = 0.0f;
-    for (int c = 0; c < C; ++c) sum += row[c];
-    const float mean = sum / C;
-    float squares = 0.0f;
-    for (int c = 0; c < C; ++c) {
-        const float difference = row[c] - mean;
-        squares += difference * difference;
+    if (r >= (size_t)R || C == 0) return;
+    const size_t count = C;
+    __global float* const row = x + r * count;
+    const float origin = row[0];
+    float16 means = (float16)(0.0f);
+    float16 part_squares = (float16)(0.0f);
+    size_t c = 0;
+    for (; c + 16 <= count; c += 16) {
+        const float16 difference = vload16(0, row + c) - origin - means;
+        const float share = 1.0f / (float)(c / 16 + 1);
+        means += difference * share;
+        part_squares += difference * difference * (1.0f - share);
     }
-    const float scale = 1.0f / sqrt(squares / C + eps);
-    for (int c = 0; c < C; ++c) row[c] = (row[c] - mean) * scale * gamma[c] + beta[c];
+    float mean = horizontal_sum_16(means) / 16.0f;
+    const float16 apart = means - mean;
+    float squares = horizontal_sum_16(part_squares + apart * apart * (float)(c / 16));
+    for (; c < count; ++c) {
+        const float difference = row[c] - origin - mean;
+        const float share = 1.0f / (float)(c + 1);
+        mean += difference * share;
+        squares += difference * difference * (1.0f - share);
+    }
+    const float scale = 1.0f / sqrt(squares / (float)count + eps);
+    for (c = 0; c + 4 <= count; c += 4) {
+        const float4 normal = (vload4(0, row + c) - origin - mean) * scale;
+        vstore4(normal * vload4(0, gamma + c) + vload4(0, beta + c), 0, row + c);
+    }
+    for (; c < count; ++c) row[c] = (row[c] - origin - mean) * scale * gamma[c] + beta[c];
 }
 
 /* ------------------------------------------------------------------------------------------------
@@ -273,7 +359,7 @@ __kernel void vec_axpy_vec4(const float alpha, __global const float* x, __global
  * ---------------------------------------------------------------------------------------------- */
 
 /* learning rate * sigma(-x), cut off where the exponential saturates. */
-inline float bpr_step(float x, float lr) {
+static inline float bpr_step(float x, float lr) {
     if (x > 35.0f) return 0.0f;
     if (x < -35.0f) return lr;
     return lr * (1.0f / (1.0f + exp(x)));
@@ -283,8 +369,8 @@ inline float bpr_step(float x, float lr) {
  * Element k of one update: the rows shrink, then move. Every statement reads what the one before it
  * wrote, so the result is the sequential one also when two of the rows are the same memory.
  */
-inline void bpr_update_element(__global float* u, __global float* i, __global float* j, int k,
-                               float decay, float g) {
+static inline void bpr_update_element(__global float* u, __global float* i, __global float* j,
+                                      size_t k, float decay, float g) {
     const float old = u[k];
     u[k] = u[k] * decay;
     u[k] = u[k] + g * i[k];
@@ -296,9 +382,9 @@ inline void bpr_update_element(__global float* u, __global float* i, __global fl
 }
 
 /* One update of three whole rows, four elements at a time where they are different rows. */
-inline void bpr_update_rows(__global float* u, __global float* i, __global float* j, int D,
-                            float decay, float g) {
-    int k = 0;
+static inline void bpr_update_rows(__global float* u, __global float* i, __global float* j,
+                                   size_t D, float decay, float g) {
+    size_t k = 0;
     if (u != i && u != j && i != j)
         for (; k + 4 <= D; k += 4) {
             const float4 uk = vload4(0, u + k);
@@ -328,21 +414,21 @@ inline void bpr_update_rows(__global float* u, __global float* i, __global float
 __kernel void bpr_gradient_update(__global float* u, __global float* i, __global float* j,
                                   const float lr, const float reg, const int D) {
     __local float parts[BPR_LANES];
-    const int lane = (int)get_local_id(0);
-    const int lanes = (int)min(get_local_size(0), (size_t)BPR_LANES);
+    const size_t lane = get_local_id(0);
+    const size_t lanes = min(get_local_size(0), (size_t)BPR_LANES);
     const int works = get_group_id(0) == 0 && lane < lanes;
     if (works) {
         float part = 0.0f;
-        for (int k = lane; k < D; k += lanes) part += u[k] * i[k] - u[k] * j[k];
+        for (size_t k = lane; k < (size_t)D; k += lanes) part += u[k] * i[k] - u[k] * j[k];
         parts[lane] = part;
     }
     barrier(CLK_LOCAL_MEM_FENCE | CLK_GLOBAL_MEM_FENCE);
     if (works) {
         float x = 0.0f;
-        for (int part = 0; part < lanes; ++part) x += parts[part];
+        for (size_t part = 0; part < lanes; ++part) x += parts[part];
         const float g = bpr_step(x, lr);
         const float decay = 1.0f - lr * reg;
-        for (int k = lane; k < D; k += lanes) bpr_update_element(u, i, j, k, decay, g);
+        for (size_t k = lane; k < (size_t)D; k += lanes) bpr_update_element(u, i, j, k, decay, g);
     }
 }
 

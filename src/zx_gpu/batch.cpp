@@ -4,10 +4,11 @@
 
 #include "common/ids.hpp"
 #include "common/module.hpp"
-#include "common/owned.hpp"
 #include "zorvex.h"
 #include "zx_engine/engine_state.hpp"
 #include "zx_gpu/launch.hpp"
+
+#include <initializer_list>
 
 namespace {
 
@@ -18,33 +19,59 @@ using zx::gpu::check_operands;
 using zx::gpu::enqueue;
 using zx::gpu::upload;
 
-// A batch's ids on the device, for the length of a call.
-zx::BufferPtr upload_ids(const std::uint32_t* ids, std::uint32_t count) {
-    return zx::BufferPtr(zx_buffer_create_with_data(
-        ids, std::uint64_t{count} * sizeof(std::uint32_t), CL_MEM_READ_ONLY));
-}
+// A batch's ids on the device, for the length of a call: made in the order given, and released in
+// the same order, not in reverse as locals would be.
+class BatchIds {
+  public:
+    BatchIds(std::initializer_list<const std::uint32_t*> arrays, std::uint32_t count)
+        : wanted_(arrays.size()) {
+        for (const std::uint32_t* const ids : arrays) {
+            const zx_buffer_t buffer = zx_buffer_create_with_data(
+                ids, std::uint64_t{count} * sizeof(std::uint32_t), CL_MEM_READ_ONLY);
+            if (!buffer) return;
+            buffers_[made_++] = buffer;
+        }
+    }
+    ~BatchIds() {
+        for (std::size_t i = 0; i < made_; ++i) zx_buffer_release(buffers_[i]);
+    }
+    BatchIds(const BatchIds&) = delete;
+    BatchIds& operator=(const BatchIds&) = delete;
+
+    // False if OpenCL refused one of them.
+    [[nodiscard]] bool complete() const { return made_ == wanted_; }
+    [[nodiscard]] zx_buffer_t operator[](std::size_t index) const { return buffers_[index]; }
+
+  private:
+    zx_buffer_t buffers_[3] = {};
+    std::size_t made_ = 0;
+    std::size_t wanted_;
+};
 
 // The tables that a batch works on. The bias takes part only if it is given and wanted.
 struct Tables {
     zx_tensor_t* users;
     zx_tensor_t* items;
     zx_tensor_t* bias;  // null when it takes no part
+    bool reads_bias;    // what the kernel is told, also without a bias
     std::uint64_t d;
 
     Tables(zx_tensor_t* user_emb, zx_tensor_t* item_emb, zx_tensor_t* item_bias, bool use_bias)
         : users(user_emb),
           items(item_emb),
           bias(use_bias ? item_bias : nullptr),
+          reads_bias(use_bias),
           d(user_emb->dims[1]) {}
 
-    // Every row of an id within the tables lies within the buffers.
+    // Every row of an id within the tables lies within the buffers, and so does its bias: the
+    // kernel reads and writes one for each item in whatever tensor stands in that place.
     [[nodiscard]] zx_status_t check(std::uint32_t batch) const {
         const zx_status_t status = check_counts({d, batch});
         if (status != ZX_OK) return status;
         const std::uint64_t num_items = items->dims[0];
         return check_extents({{users, users->dims[0] * d},
                               {items, num_items * d},
-                              {bias ? bias : items, bias ? num_items : 0}});
+                              {bias_argument(), reads_bias ? num_items : 0}});
     }
 
     [[nodiscard]] zx_status_t upload_all() const {
@@ -94,15 +121,13 @@ zx_status_t zx_gpu_bpr_batch_update(zx_tensor_t* user_emb, zx_tensor_t* item_emb
         return ZX_ERR_INDEX_OUT_OF_BOUNDS;
 
     if ((status = tables.upload_all()) != ZX_OK) return status;
-    const zx::BufferPtr user_ids = upload_ids(users, batch);
-    const zx::BufferPtr pos_ids = user_ids ? upload_ids(pos_items, batch) : nullptr;
-    const zx::BufferPtr neg_ids = pos_ids ? upload_ids(neg_items, batch) : nullptr;
-    if (!neg_ids) return ZX_ERR_ALLOCATION_FAILED;
+    const BatchIds ids({users, pos_items, neg_items}, batch);
+    if (!ids.complete()) return ZX_ERR_ALLOCATION_FAILED;
 
     const bool enqueued =
         enqueue(zx::kBprBatchUpdate,
-                {user_emb, item_emb, tables.bias_argument(), user_ids.get(), pos_ids.get(),
-                 neg_ids.get(), lr, reg, tables.d, std::uint64_t{batch}, std::uint64_t{use_bias}},
+                {user_emb, item_emb, tables.bias_argument(), ids[0], ids[1], ids[2], lr, reg,
+                 tables.d, std::uint64_t{batch}, std::uint64_t{use_bias}},
                 {batch});
     (void)clFinish(zx::g_engine.queue);
     tables.mark_resident();
@@ -125,15 +150,13 @@ zx_status_t zx_gpu_batched_score(zx_tensor_t* user_emb, zx_tensor_t* item_emb,
 
     if ((status = tables.upload_all()) != ZX_OK) return status;
     if ((status = upload({scores})) != ZX_OK) return status;
-    const zx::BufferPtr user_ids = upload_ids(users, batch);
-    const zx::BufferPtr item_ids = user_ids ? upload_ids(items, batch) : nullptr;
-    if (!item_ids) return ZX_ERR_ALLOCATION_FAILED;
+    const BatchIds ids({users, items}, batch);
+    if (!ids.complete()) return ZX_ERR_ALLOCATION_FAILED;
 
-    const bool enqueued =
-        enqueue(zx::kBatchedScore,
-                {user_emb, item_emb, tables.bias_argument(), user_ids.get(), item_ids.get(), scores,
-                 tables.d, std::uint64_t{batch}, std::uint64_t{use_bias}},
-                {batch});
+    const bool enqueued = enqueue(zx::kBatchedScore,
+                                  {user_emb, item_emb, tables.bias_argument(), ids[0], ids[1],
+                                   scores, tables.d, std::uint64_t{batch}, std::uint64_t{use_bias}},
+                                  {batch});
     (void)clFinish(zx::g_engine.queue);
     status = zx_tensor_to_host(scores);
     if (status != ZX_OK) return status;

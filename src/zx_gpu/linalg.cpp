@@ -71,14 +71,14 @@ zx_status_t zx_gpu_embedding_lookup(zx_tensor_t* output, zx_tensor_t* table,
     if ((status = check_extents({{table, rows * d}, {output, wanted * d}})) != ZX_OK) return status;
 
     if ((status = upload({table, output})) != ZX_OK) return status;
-    const zx::BufferPtr index_buffer(
+    zx::BufferPtr index_buffer(
         zx_buffer_create_with_data(indices, wanted * sizeof(std::uint32_t), CL_MEM_READ_ONLY));
     if (!index_buffer)
         return kModule.fail(ZX_ERR_ALLOCATION_FAILED, "Failed to create index buffer");
-    // OpenCL keeps the index buffer alive for the enqueued command.
-    return recorded(enqueue(zx::kEmbeddingLookup,
-                            {table, index_buffer.get(), output, d, wanted, rows}, {wanted, d}),
-                    "Embedding lookup kernel failed");
+    const bool enqueued = enqueue(
+        zx::kEmbeddingLookup, {table, index_buffer.get(), output, d, wanted, rows}, {wanted, d});
+    index_buffer.reset();  // OpenCL keeps it alive for the enqueued command
+    return recorded(enqueued, "Embedding lookup kernel failed");
 }
 
 zx_status_t zx_gpu_batched_dot(zx_tensor_t* output, zx_tensor_t* a, zx_tensor_t* b) {

@@ -24,6 +24,11 @@ bool element_count(const std::uint32_t* dims, std::uint32_t ndim, std::uint64_t&
     return true;
 }
 
+// A wrapped tensor may claim more elements than 64 bits count bytes; no buffer holds it.
+bool fits_a_buffer(const zx_tensor_t& tensor) {
+    return tensor.size <= UINT64_MAX / sizeof(float);
+}
+
 // 32 bits wide, deliberately: it wraps at 2^32 elements.
 std::uint32_t flat_index(const zx_tensor_t& tensor, std::uint32_t row, std::uint32_t col) {
     return row * tensor.dims[1] + col;
@@ -150,6 +155,7 @@ zx_tensor_t* zx_tensor_clone(const zx_tensor_t* tensor) {
 zx_status_t zx_tensor_to_device(zx_tensor_t* tensor) {
     if (!tensor) return ZX_ERR_NULL_POINTER;
     if (!zx_engine_is_initialized()) return ZX_ERR_ENGINE_NOT_INITIALIZED;
+    if (!fits_a_buffer(*tensor)) return ZX_ERR_BUFFER_CREATE;
 
     const std::uint64_t bytes = tensor->size * sizeof(float);
     if (tensor->device_buffer) {
@@ -166,6 +172,7 @@ zx_status_t zx_tensor_to_device(zx_tensor_t* tensor) {
 
 zx_status_t zx_tensor_to_host(zx_tensor_t* tensor) {
     if (!tensor || !tensor->device_buffer) return ZX_ERR_NULL_POINTER;
+    if (!fits_a_buffer(*tensor)) return ZX_ERR_BUFFER_CREATE;
     const zx_status_t status =
         zx_buffer_read(tensor->device_buffer, tensor->data, tensor->size * sizeof(float));
     if (status == ZX_OK) tensor->on_device = 0;

@@ -76,6 +76,15 @@ std::vector<std::size_t> sizes(const std::size_t* values, cl_uint count) {
     return values ? std::vector<std::size_t>(values, values + count) : std::vector<std::size_t>{};
 }
 
+std::string name_of(cl_kernel kernel) {
+    std::size_t size = 0;
+    if (clGetKernelInfo(kernel, CL_KERNEL_FUNCTION_NAME, 0, nullptr, &size) != CL_SUCCESS)
+        return {};
+    std::string name(size, '\0');
+    (void)clGetKernelInfo(kernel, CL_KERNEL_FUNCTION_NAME, size, name.data(), nullptr);
+    return name.c_str();  // without the NUL at the end
+}
+
 }  // namespace
 
 extern "C" {
@@ -171,6 +180,9 @@ cl_kernel clCreateKernel(cl_program program, const char* name, cl_int* error) {
 }
 
 cl_int clSetKernelArg(cl_kernel kernel, cl_uint index, std::size_t size, const void* value) {
+    const auto* const bytes = static_cast<const char*>(value);
+    opencl().kernel_arguments.push_back(
+        {name_of(kernel), index, size, bytes ? std::string(bytes, size) : std::string()});
     if (refuses("clSetKernelArg", kernel, index, size, value)) return CL_OUT_OF_RESOURCES;
     return NEXT(clSetKernelArg)(kernel, index, size, value);
 }
@@ -180,7 +192,9 @@ cl_mem clCreateBuffer(cl_context context, cl_mem_flags flags, std::size_t size, 
     opencl().buffers.push_back({flags, size, host != nullptr});
     if (refuses("clCreateBuffer", context, flags, size, host, error))
         return refused_handle<cl_mem>(error);
-    return made("buffer", NEXT(clCreateBuffer)(context, flags, size, host, error));
+    const cl_mem buffer = made("buffer", NEXT(clCreateBuffer)(context, flags, size, host, error));
+    if (buffer) opencl().made_buffers.push_back({buffer, host});
+    return buffer;
 }
 
 cl_int clEnqueueWriteBuffer(cl_command_queue queue, cl_mem buffer, cl_bool blocking,
@@ -211,6 +225,7 @@ cl_int clEnqueueNDRangeKernel(cl_command_queue queue, cl_kernel kernel, cl_uint 
                               cl_event* event) {
     opencl().launches.push_back(
         {sizes(global, dimensions), sizes(local, dimensions), offset != nullptr, event != nullptr});
+    opencl().launched_kernels.push_back(name_of(kernel));
     if (refuses("clEnqueueNDRangeKernel", queue, kernel, dimensions, offset, global, local,
                 wait_count, wait, event))
         return CL_OUT_OF_RESOURCES;
@@ -224,6 +239,7 @@ cl_int clFinish(cl_command_queue queue) {
 }
 
 cl_int clReleaseMemObject(cl_mem buffer) {
+    opencl().released_buffers.push_back(buffer);
     if (refuses("clReleaseMemObject", buffer)) return CL_OUT_OF_RESOURCES;
     return released(buffer, NEXT(clReleaseMemObject)(buffer));
 }

@@ -26,6 +26,19 @@ struct BufferRequest {
     bool operator==(const BufferRequest&) const = default;
 };
 
+// A buffer that was made, and the host memory that it was made from.
+struct MadeBuffer {
+    cl_mem buffer;
+    const void* host;
+};
+
+struct KernelArgument {
+    std::string kernel;
+    cl_uint index;
+    std::size_t size;
+    std::string value;  // its bytes; none for local memory
+};
+
 struct Transfer {
     bool is_write;
     bool is_blocking;
@@ -54,6 +67,10 @@ struct OpenClShim {
     std::vector<BufferRequest> buffers;
     std::vector<Transfer> transfers;
     std::vector<Launch> launches;
+    std::vector<std::string> launched_kernels;
+    std::vector<KernelArgument> kernel_arguments;
+    std::vector<MadeBuffer> made_buffers;
+    std::vector<cl_mem> released_buffers;
     std::vector<std::string> build_options;  // "(null)" for none
     bool queue_has_properties = false;
     bool context_has_properties = false;

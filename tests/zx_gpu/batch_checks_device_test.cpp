@@ -21,6 +21,7 @@ struct Arguments {
     zx_tensor_t scores;
     zx_tensor_t* user_arg = &users;
     zx_tensor_t* item_arg = &items;
+    zx_tensor_t* bias_arg = &bias;
     zx_tensor_t* third_arg = &scores;  // the scores; the negative vector of a single update
     Ids ids = {0, 1, 2};
     const std::uint32_t* user_ids = ids.data();
@@ -44,12 +45,12 @@ struct Arguments {
 
     zx_status_t update_one() { return zx_gpu_bpr_update(user_arg, item_arg, third_arg, 0.5f, 0); }
     zx_status_t update_batch() {
-        return zx_gpu_bpr_batch_update(user_arg, item_arg, &bias, user_ids, pos_ids, neg_ids, batch,
-                                       use_bias, 0.5f, 0);
+        return zx_gpu_bpr_batch_update(user_arg, item_arg, bias_arg, user_ids, pos_ids, neg_ids,
+                                       batch, use_bias, 0.5f, 0);
     }
     zx_status_t score() {
-        return zx_gpu_batched_score(user_arg, item_arg, &bias, user_ids, pos_ids, third_arg, batch,
-                                    use_bias);
+        return zx_gpu_batched_score(user_arg, item_arg, bias_arg, user_ids, pos_ids, third_arg,
+                                    batch, use_bias);
     }
 };
 
@@ -155,6 +156,22 @@ TEST_F(BatchChecks, AskForCountsOf31BitsThenForShapesThatFit) {
         expect({"short items", operation, items_short, 304, kNoFit});
         expect({"short bias", operation, bias_short, 304, kNoFit});
         expect({"short bias, unwanted", operation, bias_unwanted, 0, nullptr});
+    }
+    // For a wanted bias that is null the item table stands in, and must have an element per item.
+    const Spoil stand_in_short = [](Arguments& a) {
+        a.users.dims[1] = a.items.dims[1] = 0, a.items.size = 3, a.bias_arg = nullptr;
+    };
+    const Spoil stand_in_enough = [](Arguments& a) {
+        a.users.dims[1] = a.items.dims[1] = 0, a.items.size = 4, a.bias_arg = nullptr;
+    };
+    const Spoil stand_in_unwanted = [](Arguments& a) {
+        a.users.dims[1] = a.items.dims[1] = 0, a.items.size = 3, a.bias_arg = nullptr,
+        a.use_bias = false;
+    };
+    for (const Operation operation : {kBatch, kScore}) {
+        expect({"short stand-in for the bias", operation, stand_in_short, 304, kNoFit});
+        expect({"stand-in enough", operation, stand_in_enough, 0, nullptr});
+        expect({"short stand-in, unwanted", operation, stand_in_unwanted, 0, nullptr});
     }
     const Spoil scores_short = [](Arguments& a) { a.scores.size = 2; };
     const Spoil scores_enough = [](Arguments& a) { a.scores.size = 3; };

@@ -559,5 +559,34 @@ TEST_F(BatchOperations, FailAsStatedWhicheverCallIsRefusedAndLeaveNothing) {
     }
 }
 
+TEST_F(BatchOperations, ReleaseTheIdsInTheOrderOfTheirMaking) {
+    const Triples triples = disjoint_triples(24);
+    const struct {
+        const SweptOperation& operation;
+        std::vector<const void*> ids;
+    } cases[] = {
+        {kSweptOperations[1],
+         {triples.users.data(), triples.positives.data(), triples.negatives.data()}},
+        {kSweptOperations[2], {triples.users.data(), triples.positives.data()}},
+    };
+    for (const auto& [operation, ids] : cases) {
+        for (const bool refused : {false, true}) {
+            SCOPED_TRACE(testing::Message() << operation.name << (refused ? ", refused" : ""));
+            const ModelPtr model = disjoint_model(24, 3, true);
+            const TensorPtr scores = vector_of(std::vector<float>(24, 0.5f));
+            ASSERT_TRUE(model && scores);
+            opencl() = {};
+            if (refused) opencl().refused = {"clEnqueueNDRangeKernel"};
+            EXPECT_EQ(operation.call(model.get(), triples, scores.get()),
+                      refused ? ZX_ERR_KERNEL_EXEC : ZX_OK);
+            std::vector<const void*> released;
+            for (const cl_mem buffer : opencl().released_buffers)
+                released.push_back(
+                    std::ranges::find(opencl().made_buffers, buffer, &MadeBuffer::buffer)->host);
+            EXPECT_EQ(released, ids);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace zx::test

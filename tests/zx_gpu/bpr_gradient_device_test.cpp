@@ -95,8 +95,13 @@ TEST_F(BprGradient, IsTheHostsHoweverOftenItRuns) {
 }
 
 TEST_F(BprGradient, IsTheHostsInLongVectorsWithEachWorkGroupSize) {
-    expect_host_result_in_groups({511, 512, 513, 1031, 4095, 4096},
+    expect_host_result_in_groups({257, 511, 512, 513, 1021, 1031, 2048, 4095, 4096},
                                  {1, 2, 3, 63, 64, 65, 128, 256, 512, 1024, 4096}, 2);
+}
+
+// Few enough for a simulator that watches every access.
+TEST_F(BprGradient, IsTheHostsInAFewWorkGroupSizesOfLongVectors) {
+    expect_host_result_in_groups({257, 513, 1021, 4096}, {1, 3, 64, 65, 256}, 1);
 }
 
 TEST_F(BprGradient, IsTheHostsInShortVectorsWithEachWorkGroupSize) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <utility>
 
@@ -23,6 +24,7 @@ using zx::test::RandomNumbers;
 using zx::test::size_of;
 using zx::test::tensor_of;
 using zx::test::TensorPtr;
+using zx::test::with_what_is_behind;
 
 using Floats = std::vector<float>;
 using Doubles = std::vector<double>;
@@ -103,18 +105,21 @@ TEST_F(DeviceElementwise, AppliesActivationsInPlace) {
 }
 
 TEST_F(DeviceElementwise, SaturatesActivationsForLargeValues) {
-    const Floats large = {-100, -30, 0, 30, 100};
+    // An argument of the exponential from 89 on overflows, and so does the cube of 1e13.
+    const Floats large = {-1e13f, -100, -45, -30, -20.5f, 0, 20.5f, 30, 45, 100, 1e13f};
     const struct {
+        const char* name;
         zx_status_t (*apply)(zx_tensor_t* x);
         Doubles expected;
     } cases[] = {
-        {zx_gpu_sigmoid, {0, 0, 0.5, 1, 1}},
-        {zx_gpu_tanh, {-1, -1, 0, 1, 1}},
-        {zx_gpu_gelu, {0, 0, 0, 30, 100}},
-        {zx_gpu_relu, {0, 0, 0, 30, 100}},
+        {"sigmoid", zx_gpu_sigmoid, {0, 0, 0, 0, 0, 0.5, 1, 1, 1, 1, 1}},
+        {"tanh", zx_gpu_tanh, {-1, -1, -1, -1, -1, 0, 1, 1, 1, 1, 1}},
+        {"gelu", zx_gpu_gelu, {0, 0, 0, 0, 0, 0, 20.5, 30, 45, 100, 1e13}},
+        {"relu", zx_gpu_relu, {0, 0, 0, 0, 0, 0, 20.5, 30, 45, 100, 1e13}},
     };
     for (const auto& test : cases) {
-        const TensorPtr x = tensor_of({5}, large);
+        SCOPED_TRACE(test.name);
+        const TensorPtr x = tensor_of({11}, large);
         EXPECT_EQ(test.apply(x.get()), ZX_OK);
         expect_close(fetched(x), test.expected, kTolerance);
     }
@@ -122,7 +127,7 @@ TEST_F(DeviceElementwise, SaturatesActivationsForLargeValues) {
 
 TEST_F(DeviceElementwise, AppliesSoftmaxToEachRow) {
     RandomNumbers random(12);
-    for (const auto& [rows, width] : kMatrixShapes) {
+    for (const auto& [rows, width, unused_axes] : kMatrixShapes) {  // it takes two axes only
         SCOPED_TRACE(testing::Message() << rows << " " << width);
         const Floats before = random.floats(std::size_t{rows} * width, -4.0, 4.0);
         const TensorPtr x = tensor_of({rows, width}, before);
@@ -140,6 +145,26 @@ TEST_F(DeviceElementwise, KeepsSoftmaxInRangeForLargeValues) {
     expect_close(fetched(x),
                  {0.21194156, 0.57611688, 0.21194156, 1.0 / 3, 1.0 / 3, 1.0 / 3, 1.0, 0.0, 0.0},
                  kTolerance);
+}
+
+TEST_F(DeviceElementwise, FollowsAMaximumThatGrowsAlongTheRow) {
+    // Each new maximum makes the old ones vanish, by far or by a little, and some rows begin with
+    // excluded elements of minus infinity.
+    constexpr std::uint32_t kWidth = 27;
+    Floats before;
+    for (const float step : {0.25f, 3.0f, 100.0f, -0.25f, -3.0f, -100.0f})
+        for (std::uint32_t c = 0; c < kWidth; ++c)
+            before.push_back(step * static_cast<float>(c) - 7.0f);
+    const Floats unmasked = before;
+    constexpr float kExcluded = -std::numeric_limits<float>::infinity();
+    for (const std::uint32_t excluded : {1U, 4U, 26U}) {
+        Floats row(unmasked.begin(), unmasked.begin() + kWidth);
+        std::fill_n(row.begin(), excluded, kExcluded);
+        before.insert(before.end(), row.begin(), row.end());
+    }
+    const TensorPtr x = tensor_of({9, kWidth}, before);
+    EXPECT_EQ(zx_gpu_softmax_rows(x.get()), ZX_OK);
+    expect_close(fetched(x), softmax_of_rows(before, kWidth), kTolerance);
 }
 
 TEST_F(DeviceElementwise, RefusesSoftmaxOfOtherThanTwoAxesBeforeItLooksAtCounts) {
@@ -160,16 +185,18 @@ TEST_F(DeviceElementwise, RefusesSoftmaxOfOtherThanTwoAxesBeforeItLooksAtCounts)
 
 TEST_F(DeviceElementwise, NormalisesEachRow) {
     RandomNumbers random(13);
-    for (const auto& [rows, width] : kMatrixShapes) {
+    for (const auto& [rows, width, further_axes] : kMatrixShapes) {
         SCOPED_TRACE(testing::Message() << rows << " " << width);
         const Floats before = random.floats(std::size_t{rows} * width, -4.0, 4.0);
         const Floats gammas = random.floats(width, -2.0, 2.0);
         const Floats betas = random.floats(width, -2.0, 2.0);
-        const TensorPtr x = tensor_of({rows, width}, before);
+        const TensorPtr x = tensor_of({rows, width}, before, further_axes);
         const TensorPtr gamma = tensor_of({width}, gammas);
         const TensorPtr beta = tensor_of({width}, betas);
         EXPECT_EQ(zx_gpu_layer_norm(x.get(), gamma.get(), beta.get(), 0.5f), ZX_OK);
-        expect_close(fetched(x), normalised_rows(before, gammas, betas, 0.5), kTolerance);
+        expect_close(fetched(x),
+                     with_what_is_behind(normalised_rows(before, gammas, betas, 0.5), further_axes),
+                     kTolerance);
     }
     expect_untouched();
 }
@@ -188,6 +215,23 @@ TEST_F(DeviceElementwise, NormalisesRowsFarFromZero) {
     expect_close(fetched(x), normalised_rows(before, ones, zeros, 1e-5), 5e-4);
 }
 
+TEST_F(DeviceElementwise, NormalisesRowsWhoseFirstElementsAreFarFromTheOthers) {
+    RandomNumbers random(19);
+    for (const std::uint32_t width : {5U, 513U, 5003U}) {
+        SCOPED_TRACE(width);
+        Floats before = random.floats(width, -1.0, 1.0);
+        before[0] = 1000.0f;
+        before[1] = -500.0f;
+        const Floats ones(width, 1.0f);
+        const Floats zeros(width, 0.0f);
+        const TensorPtr x = tensor_of({1, width}, before);
+        const TensorPtr gamma = tensor_of({width}, ones);
+        const TensorPtr beta = tensor_of({width}, zeros);
+        EXPECT_EQ(zx_gpu_layer_norm(x.get(), gamma.get(), beta.get(), 1e-5f), ZX_OK);
+        expect_close(fetched(x), normalised_rows(before, ones, zeros, 1e-5), 1e-4);
+    }
+}
+
 TEST_F(DeviceElementwise, NormalisesARowOfEqualsToBeta) {
     RandomNumbers random(15);
     const Floats betas = random.all_eighths(64);
@@ -200,12 +244,12 @@ TEST_F(DeviceElementwise, NormalisesARowOfEqualsToBeta) {
 
 TEST_F(DeviceElementwise, ComputesCosinesOfRows) {
     RandomNumbers random(16);
-    for (const auto& [rows, width] : kMatrixShapes) {
+    for (const auto& [rows, width, further_axes] : kMatrixShapes) {
         SCOPED_TRACE(testing::Message() << rows << " " << width);
         const Floats left = random.floats(std::size_t{rows} * width, -1.0, 1.0);
         const Floats right = random.floats(left.size(), -1.0, 1.0);
-        const TensorPtr a = tensor_of({rows, width}, left);
-        const TensorPtr b = tensor_of({rows, width}, right);
+        const TensorPtr a = tensor_of({rows, width}, left, further_axes);
+        const TensorPtr b = tensor_of({rows, width}, right, further_axes);
         const TensorPtr output = blank({rows});
         EXPECT_EQ(zx_gpu_cosine_similarity(output.get(), a.get(), b.get()), ZX_OK);
         Doubles expected;

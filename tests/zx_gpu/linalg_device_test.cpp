@@ -28,12 +28,20 @@ struct ProductShape {
     std::uint32_t m;
     std::uint32_t k;
     std::uint32_t n;
+    std::vector<std::uint32_t> further_axes = {};  // of both factors, behind those of the matrix
 };
 const std::vector<ProductShape> kProductShapes = [] {
     std::vector<ProductShape> shapes = {{1, 1, 1},    {3, 17, 64},     {17, 513, 3}, {64, 64, 64},
                                         {513, 3, 17}, {513, 513, 513}, {64, 1, 513}, {1, 513, 1},
                                         {17, 64, 1},  {5003, 3, 2},    {2, 7, 5003}, {512, 5, 31},
                                         {2, 5003, 2}, {31, 512, 512}};
+    RandomNumbers random(43);
+    const std::vector<std::uint32_t> axes[] = {{}, {2}, {1, 2}};
+    for (int i = 0; i < zx::test::kRandomShapes; ++i) {
+        const std::uint32_t m = zx::test::random_extent(random);
+        const std::uint32_t k = zx::test::random_extent(random);
+        shapes.push_back({m, k, zx::test::random_extent(random), axes[i % 3]});
+    }
     if (zx::test::is_simulated())
         std::erase_if(shapes, [](const ProductShape& s) { return s.m * s.k * s.n > 40000; });
     return shapes;
@@ -78,8 +86,8 @@ TEST_F(DeviceLinalg, ComputesDenseLayersOfManyShapes) {
         const Floats inputs = random.all_eighths(std::size_t{shape.m} * shape.k);
         const Floats weights = random.all_eighths(std::size_t{shape.n} * shape.k);
         const Floats biases = random.all_eighths(shape.n);
-        const TensorPtr input = tensor_of({shape.m, shape.k}, inputs);
-        const TensorPtr weight = tensor_of({shape.n, shape.k}, weights);
+        const TensorPtr input = tensor_of({shape.m, shape.k}, inputs, shape.further_axes);
+        const TensorPtr weight = tensor_of({shape.n, shape.k}, weights, shape.further_axes);
         const TensorPtr bias = tensor_of({shape.n}, biases);
         Doubles expected = product(inputs, weights, shape);
         for (std::size_t i = 0; i < expected.size(); ++i)
@@ -117,8 +125,8 @@ TEST_F(DeviceLinalg, MultipliesMatricesOfManyShapes) {
         SCOPED_TRACE(testing::Message() << shape.m << " " << shape.k << " " << shape.n);
         const Floats left = random.all_eighths(std::size_t{shape.m} * shape.k);
         const Floats right = random.all_eighths(std::size_t{shape.n} * shape.k);
-        const TensorPtr a = tensor_of({shape.m, shape.k}, left);
-        const TensorPtr b = tensor_of({shape.n, shape.k}, right);
+        const TensorPtr a = tensor_of({shape.m, shape.k}, left, shape.further_axes);
+        const TensorPtr b = tensor_of({shape.n, shape.k}, right, shape.further_axes);
         const TensorPtr c = blank({shape.m, shape.n});
         EXPECT_EQ(zx_gpu_matmul(c.get(), a.get(), b.get()), ZX_OK);
         expect_exact(fetched(c), product(left, right, shape));
@@ -138,11 +146,11 @@ TEST_F(DeviceLinalg, ChainsOperationsWithoutAFetchInBetween) {
 
 TEST_F(DeviceLinalg, FetchesTableRows) {
     RandomNumbers random(3);
-    for (const auto& [rows, width] : kMatrixShapes) {
+    for (const auto& [rows, width, further_axes] : kMatrixShapes) {
         SCOPED_TRACE(testing::Message() << rows << " " << width);
         const Floats values = random.floats(std::size_t{rows} * width, -1.0, 1.0);
         const std::vector<std::uint32_t> wanted = random.ids(64, rows);
-        const TensorPtr table = tensor_of({rows, width}, values);
+        const TensorPtr table = tensor_of({rows, width}, values, further_axes);
         const TensorPtr output = blank({64, width});
         EXPECT_EQ(zx_gpu_embedding_lookup(output.get(), table.get(), wanted.data(), 64), ZX_OK);
         Floats expected;
@@ -223,12 +231,12 @@ TEST_F(DeviceLinalg, ReportsAnIndexBufferThatCannotBeMade) {
 
 TEST_F(DeviceLinalg, ComputesDotProductsOfRows) {
     RandomNumbers random(4);
-    for (const auto& [rows, width] : kMatrixShapes) {
+    for (const auto& [rows, width, further_axes] : kMatrixShapes) {
         SCOPED_TRACE(testing::Message() << rows << " " << width);
         const Floats left = random.all_eighths(std::size_t{rows} * width);
         const Floats right = random.all_eighths(left.size());
-        const TensorPtr a = tensor_of({rows, width}, left);
-        const TensorPtr b = tensor_of({rows, width}, right);
+        const TensorPtr a = tensor_of({rows, width}, left, further_axes);
+        const TensorPtr b = tensor_of({rows, width}, right, further_axes);
         const TensorPtr output = blank({rows});
         EXPECT_EQ(zx_gpu_batched_dot(output.get(), a.get(), b.get()), ZX_OK);
         Doubles expected;
@@ -241,12 +249,12 @@ TEST_F(DeviceLinalg, ComputesDotProductsOfRows) {
 
 TEST_F(DeviceLinalg, ScoresAllItems) {
     RandomNumbers random(5);
-    for (const auto& [num_items, width] : kMatrixShapes) {
+    for (const auto& [num_items, width, further_axes] : kMatrixShapes) {
         SCOPED_TRACE(testing::Message() << num_items << " " << width);
         const Floats numbers = random.all_eighths(width);
         const Floats rows = random.all_eighths(std::size_t{num_items} * width);
         const TensorPtr user = tensor_of({width}, numbers);
-        const TensorPtr items = tensor_of({num_items, width}, rows);
+        const TensorPtr items = tensor_of({num_items, width}, rows, further_axes);
         const TensorPtr scores = blank({num_items});
         EXPECT_EQ(zx_gpu_score_all_items(scores.get(), user.get(), items.get()), ZX_OK);
         Doubles expected;

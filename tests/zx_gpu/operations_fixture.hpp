@@ -17,8 +17,16 @@
 
 namespace zx::test {
 
-inline TensorPtr tensor_of(const std::vector<std::uint32_t>& dims,
-                           const std::vector<float>& values) {
+// Stands behind the elements that an operation on a matrix takes from a tensor of more axes.
+inline constexpr float kBehindTheMatrix = 4711.0f;
+
+// With further axes the values are the leading elements of a larger tensor.
+inline TensorPtr tensor_of(std::vector<std::uint32_t> dims, std::vector<float> values,
+                           const std::vector<std::uint32_t>& further_axes = {}) {
+    for (const std::uint32_t extent : further_axes) {
+        dims.push_back(extent);
+        values.resize(values.size() * extent, kBehindTheMatrix);
+    }
     TensorPtr tensor(zx_tensor_create(static_cast<int>(dims.size()), dims.data()));
     EXPECT_NE(tensor, nullptr);
     fill(tensor.get(), values);
@@ -31,33 +39,64 @@ inline bool is_simulated() {
     return mode && std::string_view(mode) == "oclgrind";
 }
 
+// An extent from 1 to 130, now and then one of a few that are prime or just above a power of 2.
+inline std::uint32_t random_extent(RandomNumbers& random) {
+    constexpr std::uint32_t kChosen[] = {2, 31, 61, 127, 257, 513};
+    return random.below(5) == 0 ? kChosen[random.below(6)] : 1 + random.below(130);
+}
+
+inline constexpr int kRandomShapes = 20;
+
 struct MatrixShape {
     std::uint32_t rows;
     std::uint32_t width;
+    std::vector<std::uint32_t> further_axes = {};  // behind those of the matrix
 };
 
 // Matrices with single, odd, prime and round extents, on both sides of 512, and with more rows or
-// columns than a work-group has items.
+// columns than a work-group has items; then random ones, of up to four axes.
 inline const std::vector<MatrixShape> kMatrixShapes = [] {
     std::vector<MatrixShape> shapes = {{512, 512}, {512, 31},  {7, 512},  {5003, 1},
                                        {5003, 7},  {5003, 64}, {1, 5003}, {13, 5003}};
     for (const std::uint32_t rows : {1U, 3U, 17U, 64U, 513U})
         for (const std::uint32_t width : {1U, 3U, 17U, 64U, 513U}) shapes.push_back({rows, width});
+    RandomNumbers random(41);
+    const std::vector<std::uint32_t> axes[] = {{}, {2}, {1, 2}};
+    for (int i = 0; i < kRandomShapes; ++i) {
+        const std::uint32_t rows = random_extent(random);
+        shapes.push_back({rows, random_extent(random), axes[i % 3]});
+    }
     if (is_simulated())
         std::erase_if(shapes, [](const MatrixShape& s) { return s.rows * s.width > 10000; });
     return shapes;
 }();
 
 // Extents of tensors of one to four axes, in the same variety.
-inline const std::vector<std::vector<std::uint32_t>> kTensorShapes = {
-    {1},     {3},         {17},      {64},      {512},         {513},        {5003},
-    {7, 73}, {1, 1, 509}, {3, 5, 7}, {8, 8, 8}, {2, 3, 5, 17}, {1, 2, 1, 1},
-};
+inline const std::vector<std::vector<std::uint32_t>> kTensorShapes = [] {
+    std::vector<std::vector<std::uint32_t>> shapes = {
+        {1},     {3},         {17},      {64},      {512},         {513},        {5003},
+        {7, 73}, {1, 1, 509}, {3, 5, 7}, {8, 8, 8}, {2, 3, 5, 17}, {1, 2, 1, 1},
+    };
+    RandomNumbers random(42);
+    for (int i = 0; i < kRandomShapes; ++i) {
+        std::vector<std::uint32_t> dims = {random_extent(random)};
+        for (int axis = 0; axis < i % 4; ++axis) dims.push_back(1 + random.below(9));
+        shapes.push_back(dims);
+    }
+    return shapes;
+}();
 
 inline std::size_t size_of(const std::vector<std::uint32_t>& dims) {
     std::size_t size = 1;
     for (const std::uint32_t extent : dims) size *= extent;
     return size;
+}
+
+// A matrix and behind it what an operation on the matrix must leave alone.
+inline std::vector<double> with_what_is_behind(std::vector<double> matrix,
+                                               const std::vector<std::uint32_t>& further_axes) {
+    matrix.resize(matrix.size() * size_of(further_axes), double{kBehindTheMatrix});
+    return matrix;
 }
 
 // Contents that no operation produces, for results that are to be overwritten.

@@ -154,6 +154,42 @@ TEST_F(TensorResidency, FailsWhenTheCopyCannotBeMade) {
     expect_untouched();
 }
 
+TEST_F(TensorResidency, RefusesMoreElementsThan64BitsCountBytes) {
+    // In 64 bits these elements would be 0 bytes, and four more of them 16.
+    const std::uint32_t dims[2] = {0x80000000U, 0x80000000U};
+    float numbers[4] = {1.0f, 2.0f, 3.0f, 4.0f};
+    const TensorPtr wrapped(zx_tensor_wrap(numbers, 2, dims));
+    ASSERT_EQ(wrapped->size, 0x4000000000000000U);
+    for (const std::uint64_t more : {0U, 4U}) {
+        wrapped->size += more;
+        EXPECT_EQ(zx_tensor_to_device(wrapped.get()), ZX_ERR_BUFFER_CREATE);
+        EXPECT_EQ(wrapped->device_buffer, nullptr);
+        EXPECT_EQ(wrapped->on_device, 0);
+    }
+    EXPECT_TRUE(opencl().calls.empty());
+    // Whether there is room for what bytes can be counted of is for OpenCL to say.
+    opencl().refused.insert("clCreateBuffer");
+    wrapped->size = 0x3fffffffffffffffU;
+    EXPECT_EQ(zx_tensor_to_device(wrapped.get()), ZX_ERR_BUFFER_CREATE);
+    EXPECT_EQ(opencl().buffers, (std::vector<BufferRequest>{{1 | 32, 0xfffffffffffffffcU, true}}));
+    expect_untouched();
+
+    // A tensor that has a buffer is neither written into it nor read from it.
+    opencl() = {};
+    ASSERT_EQ(zx_tensor_to_device(tensor_.get()), ZX_OK);
+    opencl() = {};
+    for (const std::uint8_t on_device : {std::uint8_t{0}, std::uint8_t{1}}) {
+        tensor_->on_device = on_device;
+        tensor_->size = 0x4000000000000004U;
+        EXPECT_EQ(zx_tensor_to_device(tensor_.get()), ZX_ERR_BUFFER_CREATE);
+        EXPECT_EQ(zx_tensor_to_host(tensor_.get()), ZX_ERR_BUFFER_CREATE);
+        EXPECT_EQ(zx_tensor_sync(tensor_.get()), ZX_ERR_BUFFER_CREATE);
+        EXPECT_EQ(tensor_->on_device, on_device);
+    }
+    EXPECT_TRUE(opencl().calls.empty());
+    expect_untouched();
+}
+
 TEST_F(TensorResidency, KeepsTheFlagWhenATransferFails) {
     ASSERT_EQ(zx_tensor_to_device(tensor_.get()), ZX_OK);
     opencl().refused.insert("clEnqueueReadBuffer");
