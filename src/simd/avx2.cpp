@@ -69,6 +69,7 @@ const Operations kAvx2Operations = {
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
+    .all_below = all_below,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

@@ -71,6 +71,7 @@ const Operations kAvx512Operations = {
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
+    .all_below = all_below,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

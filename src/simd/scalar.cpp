@@ -60,6 +60,12 @@ void relu(float* x, size_t count) {
     for (size_t k = 0; k < count; ++k) x[k] = is_negative(x[k]) ? 0.0f : x[k];
 }
 
+bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
+    uint32_t beyond = 0;
+    for (size_t k = 0; k < count; ++k) beyond |= static_cast<uint32_t>(ids[k] >= limit);
+    return beyond == 0;
+}
+
 void add_scaled(float* out, const float* x, float factor, size_t d) {
     for (size_t k = 0; k < d; ++k) out[k] += x[k] * factor;
 }
@@ -94,6 +100,7 @@ const Operations kScalarOperations = {
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
+    .all_below = all_below,
     .add_scaled = add_scaled,
     .add_outer_products = add_outer_products,
     .eliminate = eliminate,

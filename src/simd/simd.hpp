@@ -67,6 +67,9 @@ struct Operations {
     // x[k] = 0 where is_negative(). Minus zero, a NaN and positive denormals stay.
     void (*relu)(float* x, size_t count);
 
+    // Whether every id is below the limit. Reads all of them.
+    bool (*all_below)(const uint32_t* ids, size_t count, uint32_t limit);
+
     // ---- Second group: fused where the processor can. ----
 
     // out[k] += x[k] * factor.

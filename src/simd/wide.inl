@@ -174,6 +174,13 @@ void relu(float* x, size_t count) {
         if (zx::simd::is_negative(x[k])) x[k] = 0.0f;
 }
 
+// The compiler finds the vectors by itself.
+bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
+    uint32_t beyond = 0;
+    for (size_t k = 0; k < count; ++k) beyond |= static_cast<uint32_t>(ids[k] >= limit);
+    return beyond == 0;
+}
+
 void add_scaled(float* out, const float* x, float factor, size_t d) {
     const Floats f = Vector::broadcast(factor);
     size_t k = 0;

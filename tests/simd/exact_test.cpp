@@ -288,5 +288,30 @@ TEST(SimdRelu, KeepsNaNAndMinusZeroAndTellsDenormalsApart) {
     }
 }
 
+TEST(SimdAllBelow, FindsAnIdBeyondTheLimitWhereverItStands) {
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (const std::uint32_t limit : {1u, 1000u, 0x80000000u, 0xffffffffu}) {
+            for (std::size_t count = 0; count <= kMaxLength; ++count) {
+                // The number behind those that are asked for is beyond, and must not count.
+                std::vector<std::uint32_t> ids(count + 1, limit - 1);
+                ids[count] = limit;
+                EXPECT_TRUE(ops->all_below(ids.data(), count, limit)) << count;
+                for (std::size_t place = 0; place < count; ++place) {
+                    for (const std::uint32_t beyond : {limit, 0xffffffffu}) {
+                        ids[place] = beyond;
+                        EXPECT_FALSE(ops->all_below(ids.data(), count, limit))
+                            << place << " of " << count;
+                    }
+                    ids[place] = 0;
+                }
+            }
+        }
+        const std::uint32_t none = 0;
+        EXPECT_FALSE(ops->all_below(&none, 1, 0));
+        EXPECT_TRUE(ops->all_below(nullptr, 0, 0));
+    }
+}
+
 }  // namespace
 }  // namespace zx::test
