@@ -7,9 +7,13 @@
  */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <zorvex.h>
 
 enum { NUM_USERS = 30, NUM_ITEMS = 40, DIM = 8, EPOCHS = 5, USER = 3 };
+
+/* The library cuts the paths of the tables' files to what fits here, NUL included. */
+enum { PATH_SIZE = 512 };
 
 /* Users like the items whose number leaves the same rest as theirs when divided by five. */
 static zx_sparse_t* make_interactions(void) {
@@ -38,9 +42,8 @@ static zx_status_t train(zx_model_t* model) {
 
 /* Writes the user's scores of all items as scores.npy. */
 static zx_status_t export_scores(const zx_model_t* model, const char* folder) {
-    char path[512];
-    const int length = snprintf(path, sizeof path, "%s/scores.npy", folder);
-    if (length < 0 || (size_t)length >= sizeof path) return ZX_ERR_BUFFER_TOO_SMALL;
+    char path[PATH_SIZE];
+    snprintf(path, sizeof path, "%s/scores.npy", folder);
 
     uint32_t users[NUM_ITEMS];
     uint32_t items[NUM_ITEMS];
@@ -53,6 +56,13 @@ static zx_status_t export_scores(const zx_model_t* model, const char* folder) {
     const zx_status_t status = zx_tensor_to_npy(scores, path);
     zx_tensor_release(scores);
     return status;
+}
+
+/* Refuses a folder in which a table's file would get a name that is cut. */
+static zx_status_t export_all(const zx_model_t* model, const char* folder) {
+    if (strlen(folder) + sizeof "/user_embeddings.npy" > PATH_SIZE) return ZX_ERR_BUFFER_TOO_SMALL;
+    const zx_status_t status = zx_model_to_npy_dir(model, folder);
+    return status == ZX_OK ? export_scores(model, folder) : status;
 }
 
 int main(int argc, char** argv) {
@@ -68,8 +78,7 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     zx_status_t status = train(model);
-    if (status == ZX_OK) status = zx_model_to_npy_dir(model, argv[1]);
-    if (status == ZX_OK) status = export_scores(model, argv[1]);
+    if (status == ZX_OK) status = export_all(model, argv[1]);
     zx_model_release(model);
     if (status != ZX_OK) {
         fprintf(stderr, "export_numpy: %s\n", zx_status_string(status));

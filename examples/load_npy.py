@@ -8,6 +8,9 @@ import numpy
 
 USER = 3
 
+if len(sys.argv) != 2:
+    print("usage: load_npy.py FOLDER", file=sys.stderr)
+    sys.exit(2)
 folder = pathlib.Path(sys.argv[1])
 users = numpy.load(folder / "user_embeddings.npy")
 items = numpy.load(folder / "item_embeddings.npy")

@@ -36,12 +36,14 @@ struct Release {
 using Model = std::unique_ptr<zx_model_t, Release>;
 using Tensor = std::unique_ptr<zx_tensor_t, Release>;
 
-// The engine runs as long as this object lives. Objects with copies on the device go first, so that
-// it is made before them.
+// The engine runs as long as this object lives; one that somebody else had started stays theirs.
+// Objects with copies on the device go first, so that it is made before them.
 class Engine {
   public:
     Engine() : status_(zx_engine_init()) {}
-    ~Engine() { zx_engine_shutdown(); }
+    ~Engine() {
+        if (status_ == ZX_OK) zx_engine_shutdown();
+    }
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
@@ -80,22 +82,29 @@ std::vector<float> score(const zx_model_t* model, const Pairs& pairs, std::uint3
     return scores;
 }
 
+int failed(const char* step) {
+    std::cerr << "score_on_device: " << step << " failed\n";
+    zx_print_error();  // says nothing when nothing is recorded
+    return EXIT_FAILURE;
+}
+
 int run() {
     zx_set_verbosity(0);  // else the engine says what it finds on standard output
     const Engine engine;
-    if (engine.status() != ZX_OK) return EXIT_FAILURE;
+    if (engine.status() != ZX_OK) return failed("starting the engine");
     if (zx_gpu_is_ready())
         std::printf("scoring on the device %s\n", zx_engine_device_name());
     else
         std::printf("scoring on the host: no OpenCL device, or no kernel file\n");
+    zx_clear_error();  // no kernels is no failure, but it is recorded
 
     zx_rng_seed(1);  // after the start of the engine, which seeds from the clock
     const Model model(zx_model_mf_create(kUsers, kItems, kDim, false));
-    if (!model) return EXIT_FAILURE;
+    if (!model) return failed("making the model");
     const Pairs pairs = make_pairs();
     const std::vector<float> scores = score(model.get(), pairs, kPairs);
     const std::vector<float> host_scores = score(model.get(), pairs, kDeviceBatch - 1);
-    if (scores.size() != kPairs || host_scores.size() != kPairs) return EXIT_FAILURE;
+    if (scores.size() != kPairs || host_scores.size() != kPairs) return failed("scoring");
 
     float largest = 0.0F;
     float difference = 0.0F;
@@ -117,7 +126,5 @@ int run() {
 }  // namespace
 
 int main() {
-    const int result = run();
-    if (result != EXIT_SUCCESS) zx_print_error();
-    return result;
+    return run();
 }

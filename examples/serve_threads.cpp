@@ -11,7 +11,10 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 #include <zorvex.h>
 
@@ -93,6 +96,21 @@ void serve(zx_model_t* view, std::uint32_t first, std::uint32_t step,
     }
 }
 
+// Joins its thread when it goes: a thread that cannot start throws, and those before it are waited
+// for on the way out.
+class JoiningThread {
+  public:
+    explicit JoiningThread(std::thread thread) : thread_(std::move(thread)) {}
+    JoiningThread(JoiningThread&&) = default;
+    JoiningThread& operator=(JoiningThread&&) = delete;
+    ~JoiningThread() {
+        if (thread_.joinable()) thread_.join();
+    }
+
+  private:
+    std::thread thread_;
+};
+
 bool serve_from_threads(const zx_model_t& model, std::vector<Answer>& answers) {
     // Views are made before the threads, so that a failure is seen before one of them runs.
     std::vector<Model> views;
@@ -100,12 +118,23 @@ bool serve_from_threads(const zx_model_t& model, std::vector<Answer>& answers) {
         views.push_back(view_of(model));
         if (!views.back()) return false;
     }
-    std::vector<std::thread> threads;
+    std::vector<JoiningThread> threads;
     threads.reserve(kThreads);
     for (std::uint32_t thread = 0; thread < kThreads; ++thread)
-        threads.emplace_back(serve, views[thread].get(), thread, kThreads, std::ref(answers));
-    for (std::thread& thread : threads) thread.join();
-    return true;
+        threads.emplace_back(
+            std::thread(serve, views[thread].get(), thread, kThreads, std::ref(answers)));
+    return true;  // the threads are joined first, and then the views released
+}
+
+// Saves under a new name first, so that a save that fails leaves the model that is there alone.
+bool save(const zx_model_t* model, const std::string& path) {
+    const std::string fresh = path + ".new";
+    if (zx_model_save(model, fresh.c_str()) == ZX_OK) {
+        if (std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+        std::cerr << "serve_threads: cannot rename " << fresh << '\n';
+    }
+    (void)std::remove(fresh.c_str());
+    return false;
 }
 
 bool run(const char* path) {
@@ -113,8 +142,7 @@ bool run(const char* path) {
     zx_rng_seed(1);
     {
         const Model trained(zx_model_mf_create(kReaders, kBooks, 16, false));
-        if (!trained || !trains(trained.get()) || zx_model_save(trained.get(), path) != ZX_OK)
-            return false;
+        if (!trained || !trains(trained.get()) || !save(trained.get(), path)) return false;
     }
     const Model model(zx_model_load(path));
     if (!model) return false;
@@ -146,8 +174,12 @@ int main(int argc, char** argv) {
         std::cerr << "usage: serve_threads MODEL_FILE\n";
         return 2;
     }
-    if (run(argv[1])) return EXIT_SUCCESS;
-    std::cerr << "serve_threads: failed\n";
-    zx_print_error();
+    try {
+        if (run(argv[1])) return EXIT_SUCCESS;
+        std::cerr << "serve_threads: failed\n";
+        zx_print_error();
+    } catch (const std::system_error& failure) {
+        std::cerr << "serve_threads: cannot start a thread: " << failure.what() << '\n';
+    }
     return EXIT_FAILURE;
 }

@@ -108,11 +108,12 @@ static zx_status_t recommend(zx_model_t* model, const zx_sparse_t* used, uint32_
     return ZX_OK;
 }
 
-/* A failure has a status. Most are also recorded, with a text that says more; what was recorded
- * before stays there, so that the record is cleared where it should tell about what follows. */
+/* A failure has a status. Most are also recorded, mostly with a text that says more. What was
+ * recorded before stays there: the record is of this failure only if it has the same code. */
 static void report(zx_status_t status) {
-    fprintf(stderr, "train_bpr: %s\n", zx_status_string(status));
-    zx_print_error(); /* says nothing when nothing is recorded */
+    const zx_error_context_t* record = zx_get_error_context();
+    const bool says_more = record->code == status && record->message[0];
+    fprintf(stderr, "train_bpr: %s\n", says_more ? record->message : zx_status_string(status));
 }
 
 int main(void) {

@@ -42,7 +42,7 @@ class Tool:
 
     def train(self, *options):
         return self.run("train", self.folder / "data.csv", "--output", self.folder / "model.zxm",
-                        "--holdout", "0.2", "--seed", "1", "-k", str(K),
+                        "--holdout", "0.2", "--seed", "1", "--device", "cpu", "-k", str(K),
                         "--write-train", self.folder / "train.csv",
                         "--write-test", self.folder / "test.csv", *options)
 

@@ -1,14 +1,17 @@
 #!/usr/bin/env python3
-"""The manual: its links lead somewhere, its names exist, its programs compile."""
+"""The manual: its links lead somewhere, its names exist, its programs compile, the first one runs."""
 
 import os
 import pathlib
 import re
 import shutil
 import subprocess
+import tempfile
 import unittest
 
 SOURCE = pathlib.Path(os.environ["ZORVEX_SOURCE"])
+LIBRARY = pathlib.Path(os.environ["ZORVEX_LIBRARY"])
+SANITIZED = bool(os.environ["ZORVEX_SANITIZE"])
 PAGES = [SOURCE / "README.md", SOURCE / "CONTRIBUTING.md", *sorted((SOURCE / "docs").glob("*.md"))]
 
 
@@ -88,6 +91,22 @@ class Manual(unittest.TestCase):
                  f"-I{SOURCE}/include", "-x", "c", "-"],
                 input=program, capture_output=True, text=True, check=False)
             self.assertEqual(result.returncode, 0, result.stderr)
+
+    @unittest.skipUnless(shutil.which("cc"), "no C compiler")
+    @unittest.skipIf(SANITIZED, "an instrumented library needs an instrumented program")
+    def test_the_first_program_recommends_what_the_page_says(self):
+        program, = blocks(read(SOURCE / "docs/getting-started.md"), "c")
+        with tempfile.TemporaryDirectory() as folder:
+            result = subprocess.run(
+                ["cc", "-std=c11", "-x", "c", "-", "-x", "none", "-o", f"{folder}/first",
+                 f"-I{SOURCE}/include", LIBRARY, f"-Wl,-rpath,{LIBRARY.parent}"],
+                input=program, capture_output=True, text=True, check=False)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            result = subprocess.run([f"{folder}/first"], capture_output=True, text=True,
+                                    check=False, timeout=60)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(re.findall(r"(?m)^book (\d+): 0\.\d\d$", result.stdout), ["1", "0", "2"])
+        self.assertEqual(len(result.stdout.splitlines()), 3)
 
 
 if __name__ == "__main__":

@@ -4,6 +4,7 @@
 import os
 import pathlib
 import re
+import resource
 import subprocess
 import sys
 import tempfile
@@ -14,6 +15,7 @@ import numpy
 SOURCE = pathlib.Path(os.environ["ZORVEX_SOURCE"])
 PROGRAMS = pathlib.Path(os.environ["ZORVEX_EXAMPLES"])
 POCL = os.environ["ZORVEX_POCL"]
+SANITIZED = bool(os.environ["ZORVEX_SANITIZE"])
 
 
 class Example(unittest.TestCase):
@@ -146,9 +148,23 @@ class ExportNumpy(Example):
         self.assertRegex(self.fails(PROGRAMS / "export_numpy", "/dev/null/arrays"),
                          r"(?s)^export_numpy: Failed to open file\n.*Failed to create directory")
 
+    def test_refuses_a_folder_where_the_names_of_tables_would_be_cut(self):
+        folder = "a" * 199 + "/" + "b" * 199 + "/" + "c" * 91
+        (self.folder / folder).parent.mkdir(parents=True)
+        self.assertEqual(len(folder), 491)
+        self.lines("export_numpy", folder)
+        self.assertEqual({path.name for path in (self.folder / folder).iterdir()},
+                         {"user_embeddings.npy", "item_embeddings.npy", "scores.npy"})
+        self.assertEqual(self.fails(PROGRAMS / "export_numpy", folder + "c"),
+                         "export_numpy: Buffer too small\n")
+        self.assertFalse((self.folder / (folder + "c")).exists())
+
     def test_wants_a_folder(self):
-        result = self.start(PROGRAMS / "export_numpy")
-        self.assertEqual((result.returncode, result.stderr), (2, "usage: export_numpy FOLDER\n"))
+        for command in ([PROGRAMS / "export_numpy"],
+                        [sys.executable, "-B", SOURCE / "examples/load_npy.py"]):
+            result = self.start(*command)
+            self.assertEqual((result.returncode, result.stderr),
+                             (2, f"usage: {pathlib.Path(command[-1]).name} FOLDER\n"))
 
 
 class ServeThreads(Example):
@@ -158,6 +174,27 @@ class ServeThreads(Example):
                           "4 threads, 600 answers, 600 of them as from one thread",
                           "3000 of 3000 recommended books are of the reader's shelf"])
         self.assertEqual((self.folder / "model.zxm").read_bytes()[:4], b"ZXQM")
+
+    def test_a_save_that_fails_leaves_the_model_alone(self):
+        (self.folder / "model.zxm").write_bytes(b"the old one")
+        (self.folder / "model.zxm.new").symlink_to("/dev/full")
+        self.assertIn("Failed to write", self.fails(PROGRAMS / "serve_threads", "model.zxm"))
+        self.assertEqual((self.folder / "model.zxm").read_bytes(), b"the old one")
+
+    def test_leaves_nothing_but_the_model(self):
+        self.lines("serve_threads", "model.zxm")
+        self.assertEqual([path.name for path in self.folder.iterdir()], ["model.zxm"])
+
+    @unittest.skipIf(SANITIZED, "sanitizers need more address space than the test leaves")
+    def test_says_so_when_a_thread_cannot_start(self):
+        def limit():
+            """Room for the program and the stack of one thread, but not for those of four."""
+            for kind, size in ((resource.RLIMIT_STACK, 1 << 30), (resource.RLIMIT_AS, 3 << 29)):
+                resource.setrlimit(kind, (size, resource.getrlimit(kind)[1]))
+        result = self.start(PROGRAMS / "serve_threads", "model.zxm", preexec_fn=limit)
+        self.assertEqual((result.returncode, result.stdout),
+                         (1, "loaded 600 readers and 400 books\n"))
+        self.assertRegex(result.stderr, r"^serve_threads: cannot start a thread: .+\n$")
 
     def test_says_why_it_cannot_save(self):
         self.assertRegex(self.fails(PROGRAMS / "serve_threads", "missing/model.zxm"),
