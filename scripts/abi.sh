@@ -23,7 +23,7 @@ done
 
 # The description must not depend on the machine: no folders, no processor.
 cmake -S "$source" -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZORVEX_TOOLS=OFF \
-    -DZORVEX_TESTS=OFF -DCMAKE_CXX_FLAGS="-ffile-prefix-map=$source/=" >/dev/null
+    -DZORVEX_TESTS=OFF -DCMAKE_CXX_FLAGS="\"-ffile-prefix-map=$source/=\"" >/dev/null
 cmake --build "$folder" --target zorvex >/dev/null
 abidw --exported-interfaces-only --type-id-style hash --no-parameter-names --no-show-locs \
     --no-corpus-path --no-comp-dir-path --no-architecture --no-elf-needed --no-write-default-sizes \

@@ -85,6 +85,16 @@ def layouts(args):
                         "declared", "listed"))
 
 
+def constants(args):
+    """The list of layouts names every constant of the header, and no other."""
+    declared = [name for body in re.findall(r"\benum(?: \w+)? \{(.*?)\}",
+                                            without_comments(args.header), flags=re.DOTALL)
+                for name in re.findall(r"\b(\w+)(?: = [^,]*)?(?:,|\s*$)", body)]
+    listed = re.findall(r"\bCONSTANT\((ZX_\w+),", without_comments(args.layouts))
+    complaints = [] if declared else ["the header declares no constants"]
+    return complaints + differences(declared, listed, "declared", "listed")
+
+
 def dynamic_entries(args):
     text = output_of("readelf", "--dynamic", "--wide", str(args.library))
     return re.findall(r"^\s*0x[0-9a-f]+\s+\((\w+)\)\s+(.*)$", text, flags=re.MULTILINE)
@@ -140,7 +150,7 @@ def loading(args):
     return complaints + ([] if text == b"Out of memory" else [f"status 100 is called {text}"])
 
 
-CHECKS = (sorted_list, exports, declarations, layouts, needs, soname, hardening, loading)
+CHECKS = (sorted_list, exports, declarations, layouts, constants, needs, soname, hardening, loading)
 
 
 def main():

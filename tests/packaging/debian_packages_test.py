@@ -4,14 +4,17 @@
 import gzip
 import os
 import re
+import pathlib
+import shutil
 import subprocess
+import tempfile
 import unittest
 
-from packaging_case import (BUILD, DEVELOPMENT_FILES, LIBDIR, RUNTIME_FILES, SOURCE, TOOL_FILES,
-                            VERSION, PackagingTest, files_below, need, output_of)
+from packaging_case import (BUILD, DEVELOPMENT_FILES, INSTALLATION, LIBDIR, RUNTIME_FILES, SOURCE,
+                            TOOL_FILES, VERSION, PackagingTest, files_below, need, output_of)
 
-need("cpack", "dpkg-deb", "dpkg-shlibdeps", "lintian", "man", "readelf", "cmake", "ninja",
-     "pkg-config", "cc", "c++")
+need("cpack", "dpkg-deb", "dpkg-shlibdeps", "file", "gzip", "strip", "lintian", "man", "readelf",
+     "cmake", "ninja", "pkg-config", "cc", "c++")
 
 REVISION = f"{VERSION}-1"
 EXPECTED_FILES = {
@@ -23,14 +26,20 @@ EXPECTED_FILES = {
 DOCUMENTS = ("changelog.Debian.gz", "changelog.gz", "copyright")
 
 
+def make_packages(folder, *options):
+    output_of("cpack", "--config", BUILD / "CPackConfig.cmake", "-B", folder,
+              "-D", f"CPACK_INSTALL_CMAKE_PROJECTS={INSTALLATION};zorvex;ALL;/", *options)
+
+
 class Packages(PackagingTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.packages_folder = BUILD / "tests/packaging/debian"
-        output_of("cpack", "--config", BUILD / "CPackConfig.cmake", "-B", cls.packages_folder)
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="zorvex-packages-"))
+        cls.addClassCleanup(shutil.rmtree, folder)
+        make_packages(folder)
         cls.packages = {}
-        for path in cls.packages_folder.glob(f"*_{REVISION}_*.deb"):
+        for path in folder.glob(f"*_{REVISION}_*.deb"):
             cls.packages[path.name.split("_")[0]] = path
 
     def field(self, package, name):
@@ -130,6 +139,15 @@ class Packages(PackagingTest):
                                 capture_output=True, text=True, check=False)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         self.assertNotRegex(result.stdout, r"(?m)^E:")
+
+
+class Packing(PackagingTest):
+    def test_stops_where_dependencies_cannot_be_found_out(self):
+        hidden = {"/bin", "/usr/bin", os.path.dirname(shutil.which("dpkg-shlibdeps"))}
+        with self.assertRaisesRegex(AssertionError,
+                                    r"dpkg-shlibdeps is missing \(Debian: dpkg-dev\)"):
+            make_packages(self.folder / "packages", "-D", f"CMAKE_IGNORE_PATH={';'.join(hidden)}")
+        self.assertEqual(list(self.folder.glob("packages/*.deb")), [])
 
 
 if __name__ == "__main__":

@@ -2,11 +2,11 @@
 """An installation into an empty prefix, used by programs of somebody else from another folder."""
 
 import json
-import os
 import unittest
 
-from packaging_case import (BUILD, DEVELOPMENT_FILES, POCL, RUNTIME_FILES, TOOL_FILES, VERSION,
-                            PackagingTest, files_below, need, output_of)
+from packaging_case import (BUILD, CONSUMER, DEVELOPMENT_FILES, INSTALLATION, POCL, RUNTIME_FILES,
+                            SOURCE, TOOL_FILES, VERSION, PackagingTest, files_below, need,
+                            output_of)
 
 need("cmake", "ninja", "pkg-config", "cc", "c++")
 
@@ -15,7 +15,7 @@ class Installation(PackagingTest):
     def setUp(self):
         super().setUp()
         first = self.folder / "first place"
-        output_of("cmake", "--install", BUILD, "--prefix", first)
+        output_of("cmake", "--install", INSTALLATION, "--prefix", first)
         # Nothing may depend on where it was installed.
         self.prefix = self.folder / "prefix"
         first.rename(self.prefix)
@@ -43,15 +43,14 @@ class Installation(PackagingTest):
     def test_refuses_a_program_that_wants_another_major_version(self):
         wanted = int(VERSION.split(".", maxsplit=1)[0]) + 1
         with self.assertRaisesRegex(AssertionError, "considered but not accepted"):
-            output_of("cmake", "-S", os.path.dirname(__file__) + "/consumer", "-B",
-                      self.folder / "refused", "-G", "Ninja",
+            output_of("cmake", "-S", CONSUMER, "-B", self.folder / "refused", "-G", "Ninja",
                       f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DWANTED_VERSION={wanted}")
 
     def test_tool_runs_from_another_folder(self):
         self.assert_runs(self.prefix / "bin/zorvex", "--version", expected=f"zorvex {VERSION}\n")
 
     @unittest.skipUnless(POCL.exists(), "no OpenCL driver for the processor")
-    def test_kernels_are_found_by_the_tool_and_from_the_folder_bin(self):
+    def test_kernels_are_found_by_the_tool_and_from_the_folder_bin_and_loaded_by_name(self):
         environment = {"OCL_ICD_VENDORS": str(POCL),
                        "POCL_CACHE_DIR": str(self.folder / "pocl-cache")}
         devices = output_of(self.prefix / "bin/zorvex", "devices", "--json", cwd="/",
@@ -60,6 +59,18 @@ class Installation(PackagingTest):
         build = self.assert_consumers_work_by_cmake(self.prefix)
         self.assert_runs(build / "c_consumer", "device", cwd=self.prefix / "bin",
                          environment=environment, expected=f"zorvex {VERSION} from C\n")
+        kernels = self.prefix / "share/zorvex/zorvex_kernels.cl"
+        self.assert_runs(build / "c_consumer", "device", kernels,
+                         environment=environment, expected=f"zorvex {VERSION} from C\n")
+
+
+class Configuration(PackagingTest):
+    def test_refuses_folders_that_are_not_below_the_prefix(self):
+        for name in ("BINDIR", "DATADIR", "INCLUDEDIR", "LIBDIR"):
+            with self.assertRaisesRegex(AssertionError,
+                                        f"CMAKE_INSTALL_{name} must be a folder below the prefix"):
+                output_of("cmake", "-S", SOURCE, "-B", self.folder / name, "-G", "Ninja",
+                          f"-DCMAKE_INSTALL_{name}=/elsewhere")
 
 
 if __name__ == "__main__":

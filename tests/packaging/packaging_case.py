@@ -9,6 +9,7 @@ import tempfile
 import unittest
 
 BUILD = pathlib.Path(os.environ["ZORVEX_BUILD"])
+INSTALLATION = BUILD / "tests/packaging/installation"  # to install the build from
 SOURCE = pathlib.Path(os.environ["ZORVEX_SOURCE"])
 VERSION = os.environ["ZORVEX_VERSION"]
 LIBDIR = os.environ["ZORVEX_LIBDIR"]

@@ -1,7 +1,8 @@
 /*
- * The layout of every record that zorvex.h declares, on 64-bit Linux. A program that was built with
- * an older header reads these bytes: no line of a released record may change. A new record is new
- * lines; a test compares the list with the header.
+ * The layout of every record that zorvex.h declares, on 64-bit Linux, and the number of every
+ * constant. A program that was built with an older header reads these bytes and compares these
+ * numbers: no line of a released record or constant may change. New ones are new lines; a test
+ * compares the lists with the header.
  */
 #include "zorvex.h"
 
@@ -11,6 +12,7 @@
 #define FIELD(type, field, offset, bytes)                                                     \
     _Static_assert(offsetof(type, field) == (offset) && sizeof(((type*)0)->field) == (bytes), \
                    "the place of " #type "." #field)
+#define CONSTANT(name, number) _Static_assert((name) == (number), "the number of " #name)
 
 RECORD(zx_error_context_t, 280);
 FIELD(zx_error_context_t, code, 0, 4);
@@ -151,3 +153,67 @@ FIELD(zx_interactions_t, items, 8, 8);
 FIELD(zx_interactions_t, values, 16, 8);
 FIELD(zx_interactions_t, count, 24, 4);
 FIELD(zx_interactions_t, implicit, 28, 1);
+
+CONSTANT(ZX_OK, 0);
+CONSTANT(ZX_ERR_UNKNOWN, 1);
+CONSTANT(ZX_ERR_INVALID_ARGUMENT, 2);
+CONSTANT(ZX_ERR_NULL_POINTER, 3);
+CONSTANT(ZX_ERR_INDEX_OUT_OF_BOUNDS, 4);
+CONSTANT(ZX_ERR_OVERFLOW, 5);
+CONSTANT(ZX_ERR_OUT_OF_MEMORY, 100);
+CONSTANT(ZX_ERR_ALLOCATION_FAILED, 101);
+CONSTANT(ZX_ERR_BUFFER_TOO_SMALL, 102);
+CONSTANT(ZX_ERR_ALIGNMENT, 103);
+CONSTANT(ZX_ERR_ENGINE_NOT_INITIALIZED, 200);
+CONSTANT(ZX_ERR_ENGINE_ALREADY_INITIALIZED, 201);
+CONSTANT(ZX_ERR_NO_PLATFORM, 202);
+CONSTANT(ZX_ERR_NO_DEVICE, 203);
+CONSTANT(ZX_ERR_CONTEXT_CREATE, 204);
+CONSTANT(ZX_ERR_QUEUE_CREATE, 205);
+CONSTANT(ZX_ERR_KERNEL_COMPILE, 206);
+CONSTANT(ZX_ERR_KERNEL_EXEC, 207);
+CONSTANT(ZX_ERR_BUFFER_CREATE, 208);
+CONSTANT(ZX_ERR_TRANSFER, 209);
+CONSTANT(ZX_ERR_INVALID_MODEL, 300);
+CONSTANT(ZX_ERR_MODEL_NOT_CONFIGURED, 301);
+CONSTANT(ZX_ERR_MODEL_TYPE_MISMATCH, 302);
+CONSTANT(ZX_ERR_INVALID_LAYER, 303);
+CONSTANT(ZX_ERR_DIMENSION_MISMATCH, 304);
+CONSTANT(ZX_ERR_TRAINING_FAILED, 305);
+CONSTANT(ZX_ERR_INVALID_MATRIX, 400);
+CONSTANT(ZX_ERR_INVALID_SPARSE, 401);
+CONSTANT(ZX_ERR_DATA_CORRUPTED, 402);
+CONSTANT(ZX_ERR_FILE_OPEN, 500);
+CONSTANT(ZX_ERR_FILE_READ, 501);
+CONSTANT(ZX_ERR_FILE_WRITE, 502);
+CONSTANT(ZX_ERR_VERSION_MISMATCH, 503);
+CONSTANT(ZX_ERR_INVALID_FORMAT, 504);
+
+CONSTANT(ZX_MODEL_MF, 0);
+
+CONSTANT(ZX_LAYER_EMBEDDING, 0);
+CONSTANT(ZX_LAYER_DENSE, 1);
+CONSTANT(ZX_LAYER_BATCH_NORM, 2);
+CONSTANT(ZX_LAYER_DROPOUT, 4);
+CONSTANT(ZX_ACT_RELU, 5);
+CONSTANT(ZX_ACT_LEAKY_RELU, 6);
+CONSTANT(ZX_ACT_GELU, 7);
+CONSTANT(ZX_ACT_SIGMOID, 8);
+CONSTANT(ZX_ACT_TANH, 9);
+
+CONSTANT(ZX_OPT_SGD, 0);
+CONSTANT(ZX_OPT_SGD_MOMENTUM, 1);
+CONSTANT(ZX_OPT_ADAM, 2);
+CONSTANT(ZX_OPT_ADAMW, 3);
+CONSTANT(ZX_OPT_ALS, 5);
+
+CONSTANT(ZX_LOSS_MSE, 0);
+CONSTANT(ZX_LOSS_BPR, 1);
+CONSTANT(ZX_LOSS_CONTRASTIVE, 6);
+
+CONSTANT(ZX_FORMAT_UNKNOWN, 0);
+CONSTANT(ZX_FORMAT_NATIVE, 1);
+CONSTANT(ZX_FORMAT_NPY, 2);
+CONSTANT(ZX_FORMAT_SAFETENSORS, 3);
+CONSTANT(ZX_FORMAT_RAW, 4);
+CONSTANT(ZX_FORMAT_JSON, 5);

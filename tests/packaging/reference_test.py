@@ -162,6 +162,13 @@ class Typing(PackagingTest):
         self.await_text(completed[len(typed):])
         self.type("\x15")  # the line is cleared
 
+    def start_zsh(self):
+        self.start("zsh", "-f", "-i", PS1="ready> ")
+        self.await_text("ready> ")
+        self.type(f"fpath=('{REFERENCE}' $fpath); autoload -Uz compinit; compinit -u; "
+                  "echo load''ed\n")
+        self.await_text("loaded")
+
     def test_bash_completes_commands_options_words_and_files(self):
         self.start("bash", "--noprofile", "--norc", "-i", PS1="ready> ")
         self.await_text("ready> ")
@@ -174,16 +181,17 @@ class Typing(PackagingTest):
         self.assert_completes("zorvex train -o mov", "zorvex train -o movies.zxm ")
 
     def test_zsh_completes_commands_options_words_and_files(self):
-        self.start("zsh", "-f", "-i", PS1="ready> ")
-        self.await_text("ready> ")
-        self.type(f"fpath=('{REFERENCE}' $fpath); autoload -Uz compinit; compinit -u; "
-                  "echo load''ed\n")
-        self.await_text("loaded")
+        self.start_zsh()
         self.assert_completes("zorvex gen", "zorvex generate ")
         self.assert_completes("zorvex train --algo", "zorvex train --algorithm ")
         self.assert_completes("zorvex train --holdout lea", "zorvex train --holdout leave-one-out ")
         self.assert_completes("zorvex train rat", "zorvex train ratings.csv ")
         self.assert_completes("zorvex -q train -o mov", "zorvex -q train -o movies.zxm ")
+
+    def test_zsh_offers_again_what_may_be_repeated(self):
+        self.start_zsh()
+        self.type("zorvex recommend movies.zxm --user 1 --us\t")
+        self.await_text("--user 1 --user ")
 
 
 if __name__ == "__main__":

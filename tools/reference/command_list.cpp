@@ -18,6 +18,11 @@ std::vector<std::string> names_of(const CLI::Option& option) {
     return names;
 }
 
+bool keeps_every_value(const CLI::Option& option) {
+    return option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll ||
+           option.get_items_expected_max() > 1;
+}
+
 CommandTexts texts_of(const CLI::App& command) {
     CommandTexts texts{.name = command.get_name(),
                        .description = command.get_description(),
@@ -29,7 +34,8 @@ CommandTexts texts_of(const CLI::App& command) {
         list.push_back({.names = names_of(*option),
                         .value = option->get_type_name(),
                         .description = option->get_description(),
-                        .required = option->get_required()});
+                        .required = option->get_required(),
+                        .repeats = keeps_every_value(*option)});
     }
     return texts;
 }

@@ -12,6 +12,7 @@ struct OptionTexts {
     std::string value;               // FILE, N, a|b|c; empty for a flag
     std::string description;
     bool required = false;
+    bool repeats = false;  // may be given more than once, and every value counts
 
     // Whether a file name follows.
     [[nodiscard]] bool takes_file() const;

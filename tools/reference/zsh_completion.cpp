@@ -35,11 +35,15 @@ std::string action(const OptionTexts& option, const std::string& what) {
     return fmt::format(":{}: ", what);
 }
 
-// One specification for each name of an option, none of which is offered when another was typed.
+// One specification for each name of an option, none of which is offered when another was typed,
+// unless the option may be repeated.
 void add_option(const OptionTexts& option, std::vector<std::string>& specifications) {
     const std::string value = option.value.empty() ? "" : action(option, "value");
-    const std::string others =
-        option.names.size() > 1 ? fmt::format("({})", joined(option.names, " ")) : "";
+    std::string others;
+    if (option.repeats)
+        others = "*";
+    else if (option.names.size() > 1)
+        others = fmt::format("({})", joined(option.names, " "));
     for (const std::string& name : option.names)
         specifications.push_back(
             quoted(fmt::format("{}{}[{}]{}", others, name, described(option.description), value)));

@@ -1,6 +1,7 @@
 /*
  * A program in C: everybody likes the item of their own number, and is recommended it. With the
- * argument "device" it then demands that the engine finds a device and the kernel file.
+ * argument "device" it then demands that the engine finds a device and the kernel file; one that is
+ * named by the next argument is loaded where the engine finds none.
  */
 #include <stdio.h>
 #include <string.h>
@@ -32,16 +33,21 @@ static int recommends_what_is_liked(void) {
     return good;
 }
 
-static int finds_the_kernels(void) {
+static int has_kernels(const char* kernel_file) {
     zx_set_verbosity(0);
-    const int found = zx_engine_init() == ZX_OK && zx_gpu_is_ready();
+    int ready = zx_engine_init() == ZX_OK;
+    if (kernel_file) ready = ready && zx_gpu_init_from_file(kernel_file) == ZX_OK;
+    ready = ready && zx_gpu_is_ready();
+    /* An engine that started without kernels does not release them. */
+    zx_gpu_shutdown();
     zx_engine_shutdown();
-    return found;
+    return ready;
 }
 
 int main(int argc, char** argv) {
     if (!recommends_what_is_liked()) return 1;
-    if (argc > 1 && strcmp(argv[1], "device") == 0 && !finds_the_kernels()) return 2;
+    const char* kernel_file = argc > 2 ? argv[2] : NULL;
+    if (argc > 1 && strcmp(argv[1], "device") == 0 && !has_kernels(kernel_file)) return 2;
     printf("zorvex %d.%d.%d from C\n", ZX_VERSION_MAJOR, ZX_VERSION_MINOR, ZX_VERSION_PATCH);
     return 0;
 }
