@@ -5,12 +5,16 @@
 #include "engine.hpp"
 #include "zorvex.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <utility>
+
+namespace CLI {
+class App;
+}
 
 namespace zxtool {
 
