@@ -36,7 +36,8 @@ struct ConvertOptions {
     std::string source;
     TensorFormat format = TensorFormat::kNpy;
     std::string path;
-    std::string shape;  // empty unless the source is a raw file
+    bool is_raw = false;  // which is said by a shape
+    std::string shape;
     Part part;
 };
 
@@ -50,8 +51,10 @@ NamedTensor part_of(const zx_model_t& model, const ConvertOptions& options) {
 
 // The tensor to be written; none when it is the whole of `stored`.
 NamedTensor load_source(const ConvertOptions& options, StoredModel& stored) {
-    if (!options.shape.empty()) return load_raw(options.source, parse_shape(options.shape));
-
+    if (options.is_raw) {
+        const std::vector<std::uint32_t> shape = parse_shape(options.shape);
+        return load_raw(RegularFile(options.source), shape);
+    }
     const RegularFile file(options.source);
     if (!is_container(file))
         throw Error(
@@ -61,7 +64,7 @@ NamedTensor load_source(const ConvertOptions& options, StoredModel& stored) {
     const bool is_model = container.header.model_type != kNoModel;
     if (options.part.name != nullptr && !is_model)
         throw Error(Exit::kUsage, "--tensor is for models; this is a file of one tensor");
-    if (!is_model) return load_tensor(file, container.tensors.front().name);
+    if (!is_model) return load_tensor(file, container.tensors.front());
 
     if (options.part.name == nullptr && options.format != TensorFormat::kSafetensors)
         throw Error(Exit::kUsage,
@@ -84,9 +87,9 @@ void write(const NamedTensor& source, const StoredModel& stored, const ConvertOp
 }
 
 void convert(const ConvertOptions& options, const GlobalOptions& global) {
-    if (!options.shape.empty() && options.part.name != nullptr)
+    if (options.is_raw && options.part.name != nullptr)
         throw Error(Exit::kUsage, "--shape is for raw floats and --tensor for models");
-    refuse_overwriting({options.path}, {options.source, options.source + ".ids"});
+    refuse_overwriting({options.path}, model_inputs(options.source));
     StoredModel stored;
     const NamedTensor source = load_source(options, stored);
     AtomicFile file(options.path);
@@ -123,13 +126,17 @@ void add_convert(CLI::App& app, const GlobalOptions& global) {
         "npy: an array of NumPy. safetensors: under its name in the file, or else \"tensor\". "
         "raw: its floats and nothing else")
         ->required();
-    command
-        ->add_option("--shape", options->shape,
-                     "The file is raw floats; its extents, 1 to 4 of them, such as 3,4")
-        ->type_name("N,N");
+    CLI::Option* const shape =
+        command
+            ->add_option("--shape", options->shape,
+                         "The file is raw floats; its extents, 1 to 4 of them, such as 3,4")
+            ->type_name("N,N");
     add_choice(*command, "--tensor", options->part, kParts, "The tensor of a model");
     command->add_option("PATH", options->path, "The file to write")->required()->type_name("");
-    command->callback([options, &global] { convert(*options, global); });
+    command->callback([options, shape, &global] {
+        options->is_raw = shape->count() != 0;
+        convert(*options, global);
+    });
 }
 
 }  // namespace zxtool

@@ -96,6 +96,7 @@ std::vector<std::string> export_npy(const StoredModel& stored, const std::string
         (stored.has_ids ? written : others).push_back(name);
         if (stored.has_ids) write_ids(what, ids, files.add(name));
     }
+    stop_if_interrupted();
     files.commit(others);
     return written;
 }
@@ -107,6 +108,7 @@ std::vector<std::string> export_csv(const StoredModel& stored, const std::string
                      files.add(kCsvNames[0]));
     write_embeddings("item", stored.items, *model.item_embeddings, model.item_biases,
                      files.add(kCsvNames[1]));
+    stop_if_interrupted();
     files.commit({});
     return kCsvNames;
 }
@@ -126,7 +128,7 @@ void export_file(const zx_model_t& model, ExportFormat format, const std::string
 void export_model(const ExportOptions& options, const GlobalOptions& global) {
     const Console console(global);
     if (options.format == ExportFormat::kNpy) refuse_long_folder(options.path);
-    refuse_overwriting(paths_of(options), {options.model, options.model + ".ids"});
+    refuse_overwriting(paths_of(options), model_inputs(options.model));
     const StoredModel stored = load_model(options.model);
     if (!all_finite(*stored.model))
         console.warn(options.model + ": the model holds numbers that are not finite");

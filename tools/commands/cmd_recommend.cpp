@@ -103,7 +103,9 @@ void recommend(const RecommendOptions& options, const GlobalOptions& global) {
     const Console console(global);
     if (options.all != options.users.empty())
         throw Error(Exit::kUsage, "either --user or --all is needed, and not both");
-    refuse_overwriting({options.output}, {options.model, options.model + ".ids", options.exclude});
+    std::vector<std::string> inputs = model_inputs(options.model);
+    inputs.push_back(options.exclude);
+    refuse_overwriting({options.output}, inputs);
     std::unique_ptr<Device> device;  // outlives the model, of which it may have a copy
     const StoredModel stored = open_model(options.model, console);
 

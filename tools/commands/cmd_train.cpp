@@ -206,9 +206,9 @@ Json summary_of(const TrainCommand& options, const TrainerOptions& trainer, cons
 
 void run_train(const TrainCommand& options, const GlobalOptions& global) {
     const Console console(global);
-    refuse_overwriting(
-        {options.model, options.model + ".ids", options.write_train, options.write_test},
-        {options.input});
+    std::vector<std::string> outputs = model_outputs(options.model);
+    outputs.insert(outputs.end(), {options.write_train, options.write_test});
+    refuse_overwriting(outputs, {options.input});
     {
         // A place that cannot be written is found out now and not after the training.
         const AtomicFile probe(options.model);

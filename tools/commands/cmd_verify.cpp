@@ -1,6 +1,5 @@
 // zorvex verify: whether a model file is in order, to the byte.
 #include "commands.hpp"
-#include "model_check.hpp"
 #include "model_store.hpp"
 #include "output.hpp"
 #include "signals.hpp"
@@ -15,14 +14,11 @@ struct VerifyOptions {
 };
 
 void verify(const VerifyOptions& options, const GlobalOptions& global) {
-    const RegularFile file(options.model);
-    check_every_byte(file, stop_if_interrupted);
-    // Nothing in a file that has passed keeps it from being loaded; its ids may.
-    const StoredModel stored = load_model(options.model);
+    const StoredModel stored = load_checked_model(options.model, stop_if_interrupted);
 
     const Json summary{{"model", options.model},
                        {"ok", true},
-                       {"file_bytes", file.size()},
+                       {"file_bytes", stored.file_bytes},
                        {"ids_file", stored.has_ids}};
     Output output;
     output.write(global.json ? json_text(summary) + "\n" : printable(options.model) + ": ok\n");

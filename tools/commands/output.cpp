@@ -2,6 +2,7 @@
 
 #include "console.hpp"
 #include "error.hpp"
+#include "quote.hpp"
 #include "signals.hpp"
 
 #include <algorithm>
@@ -88,9 +89,12 @@ std::string json_text(const Json& value) {
 }
 
 std::string printable(std::string_view text) {
-    std::string result(text);
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t control = control_bytes(text);
+        result += control != 0 ? '?' : text.front();
+        text.remove_prefix(std::max<std::size_t>(control, 1));
+    }
     return result;
 }
 

@@ -3,7 +3,6 @@
 #include "error.hpp"
 #include "library.hpp"
 #include "quote.hpp"
-#include "stored_tensor.hpp"
 
 #include <charconv>
 #include <fmt/format.h>
@@ -13,10 +12,19 @@ namespace zxtool {
 namespace {
 
 constexpr std::size_t kMaxAxes = 4;
+constexpr const char* kNoName = "tensor";
+// The entry of a safetensors header that is no tensor.
+constexpr const char* kMetadata = "__metadata__";
 
-TensorPtr expect_loaded(zx_tensor_t* tensor, const std::string& path) {
-    if (tensor == nullptr) fail_construction(path + ": cannot be read");
-    return TensorPtr(tensor);
+// A tensor of the floats from an offset on, which are all in the file. The library would open the
+// file by its name, which may be another one by now, and takes what a file lacks for zeros.
+TensorPtr read_tensor(const RegularFile& file, std::uint64_t offset,
+                      const std::vector<std::uint32_t>& shape) {
+    zx_clear_error();
+    TensorPtr tensor(zx_tensor_create(static_cast<int>(shape.size()), shape.data()));
+    if (!tensor) fail_construction(file.path() + ": cannot be read");
+    file.read(offset, tensor->data, zx_tensor_size(tensor.get()) * sizeof(float));
+    return tensor;
 }
 
 }  // namespace
@@ -43,24 +51,21 @@ std::vector<std::uint32_t> parse_shape(const std::string& text) {
     return shape;
 }
 
-NamedTensor load_raw(const std::string& path, const std::vector<std::uint32_t>& shape) {
-    const RegularFile file(path);
+NamedTensor load_raw(const RegularFile& file, const std::vector<std::uint32_t>& shape) {
     const std::vector<std::uint64_t> extents(shape.begin(), shape.end());
     if (bytes_of(extents, sizeof(float)) != file.size())
         throw Error(Exit::kBadInput,
-                    fmt::format("{}: is {} bytes long, expected the length of {} floats", path,
-                                file.size(), shape_text(extents)));
-    zx_clear_error();
-    return {expect_loaded(zx_tensor_from_raw(path.c_str(), static_cast<std::uint32_t>(shape.size()),
-                                             shape.data()),
-                          path),
-            "tensor"};
+                    fmt::format("{}: is {} bytes long, expected the length of {} floats",
+                                file.path(), file.size(), shape_text(extents)));
+    return {read_tensor(file, 0, shape), kNoName};
 }
 
-NamedTensor load_tensor(const RegularFile& file, const std::string& name) {
-    zx_clear_error();
-    return {expect_loaded(zx_tensor_load(file.path().c_str()), file.path()),
-            name.empty() ? "tensor" : name};
+NamedTensor load_tensor(const RegularFile& file, const StoredTensor& tensor) {
+    std::vector<std::uint32_t> shape;
+    for (const std::uint64_t extent : tensor.shape)
+        shape.push_back(static_cast<std::uint32_t>(extent));
+    const bool is_named = !tensor.name.empty() && tensor.name != kMetadata;
+    return {read_tensor(file, tensor.offset, shape), is_named ? tensor.name : kNoName};
 }
 
 }  // namespace zxtool

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "regular_file.hpp"
+#include "stored_tensor.hpp"
 #include "zorvex.h"
 
 #include <cstdint>
@@ -28,10 +29,11 @@ std::vector<std::uint32_t> parse_shape(const std::string& text);
 // Reads a file of nothing but a tensor's floats. It must have as many as the shape, or else
 // Error(kBadInput) is thrown: the library would do without those that are left over. Also throws
 // Error(kInputOutput) and Error(kOutOfMemory).
-NamedTensor load_raw(const std::string& path, const std::vector<std::uint32_t>& shape);
+NamedTensor load_raw(const RegularFile& file, const std::vector<std::uint32_t>& shape);
 
-// Reads a tensor file whose head was read, and is thus possible. One without a name is called
-// "tensor". Throws as above.
-NamedTensor load_tensor(const RegularFile& file, const std::string& name);
+// Reads a tensor of a tensor file whose head was read, and is thus possible. One without a name, or
+// with the one name that no tensor of a safetensors file can have, is called "tensor". Throws as
+// above.
+NamedTensor load_tensor(const RegularFile& file, const StoredTensor& tensor);
 
 }  // namespace zxtool

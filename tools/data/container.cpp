@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <utility>
 
 namespace zxtool {
 
@@ -66,10 +67,16 @@ Container read_container(const RegularFile& file) {
         refuse_at(file, offsetof(ContainerHeader, num_tensors),
                   fmt::format("{} tensors are not in a file of {} bytes", header.num_tensors,
                               file.size()));
+    std::uint64_t bytes_left = file.size();
     for (std::uint32_t i = 0; i < header.num_tensors; ++i) {
         ContainerDescriptor descriptor{};
         file.read(descriptor_at(i), &descriptor, sizeof(descriptor));
-        container.tensors.push_back(tensor_of(file, descriptor, descriptor_at(i)));
+        StoredTensor tensor = tensor_of(file, descriptor, descriptor_at(i));
+        if (tensor.bytes > bytes_left)
+            refuse_at(file, descriptor_at(i) + offsetof(ContainerDescriptor, size),
+                      "the tensors up to this one have more bytes than the file");
+        bytes_left -= tensor.bytes;
+        container.tensors.push_back(std::move(tensor));
     }
     return container;
 }

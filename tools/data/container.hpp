@@ -57,6 +57,12 @@ constexpr std::uint64_t descriptor_at(std::uint64_t index) {
     return sizeof(ContainerHeader) + index * sizeof(ContainerDescriptor);
 }
 
+// The length of data with the zeros behind it.
+constexpr std::uint64_t padded(std::uint64_t bytes) {
+    constexpr std::uint64_t kAlignment = 64;
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
+}
+
 // Throws Error(kBadModel): "PATH: offset N: what".
 [[noreturn]] void refuse_at(const RegularFile& file, std::uint64_t offset, const std::string& what);
 
@@ -69,7 +75,8 @@ struct Container {
 };
 
 // What the head says, all of it possible: every tensor has 1 to 4 axes, none empty, and its numbers
-// are in the file. Throws Error(kBadModel) that names the offset of what is not, and
+// are in the file, which is as long as all of them together: going through them takes no longer
+// than going through the file. Throws Error(kBadModel) that names the offset of what is not, and
 // Error(kInputOutput).
 Container read_container(const RegularFile& file);
 

@@ -44,12 +44,19 @@ AtomicFile& FolderFiles::add(const std::string& name) {
 }
 
 void FolderFiles::commit(const std::vector<std::string>& others) {
-    for (AtomicFile& file : files_) file.place();
-    is_new_ = false;
+    std::vector<std::string> old;
     for (const std::string& other : others) {
-        const std::string path = path_in(folder_, other);
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) fail(path, "cannot be removed");
+        const std::string& path = old.emplace_back(path_in(folder_, other));
+        struct stat status = {};
+        if (lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+            throw Error(Exit::kInputOutput,
+                        fmt::format("{}: is a folder, expected a file or nothing", path));
     }
+    for (const std::string& path : old)
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) fail(path, "cannot be removed");
+    // The first renaming that is flushed makes the removals last too.
+    for (AtomicFile& file : files_) file.place();
+    if (std::exchange(is_new_, false)) sync_folder_of(path_in(folder_, "../"));
 }
 
 }  // namespace zxtool

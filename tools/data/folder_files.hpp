@@ -21,9 +21,9 @@ class FolderFiles {
 
     // A further file of the folder, to be written and settled. It stays where it is.
     AtomicFile& add(const std::string& name);
-    // Puts all files in their places, one after the other, and removes `others` of the folder,
-    // which an earlier round may have left: they would be taken for a part of this one. Throws
-    // Error(kInputOutput).
+    // Removes `others` of the folder, which an earlier round may have left: they would be taken for
+    // a part of this one. Then puts all files in their places, one after the other. Throws
+    // Error(kInputOutput), before anything is changed when one of the others is a folder.
     void commit(const std::vector<std::string>& others);
 
   private:

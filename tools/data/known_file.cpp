@@ -22,8 +22,22 @@ constexpr std::uint64_t kMaxJsonBytes = 1U << 20U;
 
 KnownFile known_container(const RegularFile& file) {
     Container container = read_container(file);
-    return {container.header.model_type == kNoModel ? "tensor" : "model",
-            std::move(container.tensors)};
+    const ContainerHeader& header = container.header;
+    const std::uint64_t data_at = padded(descriptor_at(header.num_tensors));
+    if (header.data_offset != data_at)
+        refuse_at(
+            file, offsetof(ContainerHeader, data_offset),
+            fmt::format("the offset of the data is {}, expected {}", header.data_offset, data_at));
+    if (header.file_size != file.size())
+        refuse_at(
+            file, offsetof(ContainerHeader, file_size),
+            fmt::format("the size of the file is {}, expected {}", header.file_size, file.size()));
+    for (std::uint32_t i = 0; i < header.num_tensors; ++i)
+        if (container.tensors[i].offset < data_at)
+            refuse_at(file, descriptor_at(i) + offsetof(ContainerDescriptor, offset),
+                      fmt::format("the data begins at {}, in front of all data",
+                                  container.tensors[i].offset));
+    return {header.model_type == kNoModel ? "tensor" : "model", std::move(container.tensors)};
 }
 
 KnownFile known_raw(const RegularFile& file) {
@@ -41,14 +55,15 @@ KnownFile known_raw(const RegularFile& file) {
 // The library's metadata name tensors of the model that they describe; other JSON names none.
 std::vector<StoredTensor> tensors_described_in(const nlohmann::json& text) {
     std::vector<StoredTensor> tensors;
-    const nlohmann::json entries = entry_of(text, "tensors");
-    for (const auto& [name, entry] : entries.items()) {
-        const nlohmann::json shape = entry_of(entry, "shape");
-        const nlohmann::json dtype = entry_of(entry, "dtype");
-        if (!is_list_of_numbers(shape) || !dtype.is_string()) continue;
+    const nlohmann::json* const entries = entry_of(&text, "tensors");
+    if (entries == nullptr) return tensors;
+    for (const auto& [name, entry] : entries->items()) {
+        const nlohmann::json* const shape = entry_of(&entry, "shape");
+        const nlohmann::json* const dtype = entry_of(&entry, "dtype");
+        if (!is_list_of_numbers(shape) || dtype == nullptr || !dtype->is_string()) continue;
         tensors.push_back({.name = name,
-                           .dtype = dtype.get<std::string>(),
-                           .shape = shape.get<std::vector<std::uint64_t>>()});
+                           .dtype = dtype->get<std::string>(),
+                           .shape = shape->get<std::vector<std::uint64_t>>()});
     }
     return tensors;
 }

@@ -14,15 +14,12 @@ namespace zxtool {
 
 namespace {
 
-constexpr std::uint64_t kAlignment = 64;
 constexpr std::string_view kNames[] = {"mf.user_embeddings", "mf.item_embeddings", "mf.user_biases",
                                        "mf.item_biases"};
 constexpr std::uint32_t kNumTables = 2;  // without biases
 constexpr std::uint32_t kMaxTensors = std::size(kNames);
 
-constexpr std::uint64_t padded(std::uint64_t bytes) {
-    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
-}
+constexpr std::string_view kModelName = "MatrixFactorization";
 
 // Each step looks at bytes behind those of the step before.
 class Check {
@@ -87,7 +84,9 @@ class Check {
     void check_header() {
         read_head(0, &header_, sizeof(header_));
         const std::string_view magic(header_.magic, sizeof(header_.magic));
-        if (file_.size() >= magic.size() && magic != kContainerMagic)
+        // What is there of a cut one must be its beginning.
+        const std::size_t there = std::min<std::uint64_t>(file_.size(), magic.size());
+        if (magic.substr(0, there) != kContainerMagic.substr(0, there))
             refuse_at(file_, 0, "is no model file");
         expect_number(offsetof(ContainerHeader, version), 4, "the version", header_.version,
                       kContainerVersion);
@@ -103,8 +102,12 @@ class Check {
                       header_.data_offset, padded(descriptor_at(header_.num_tensors)));
         expect_number(offsetof(ContainerHeader, file_size), 8, "the size of the file",
                       header_.file_size, file_.size());
-        expect_text(offsetof(ContainerHeader, model_name), header_.model_name,
-                    "behind the name of the model");
+        const std::uint64_t name_at = offsetof(ContainerHeader, model_name);
+        const std::string_view name =
+            expect_text(name_at, header_.model_name, "behind the name of the model");
+        if (name != kModelName)
+            refuse_at(file_, name_at,
+                      fmt::format("the model is named {}, expected {}", quote(name), kModelName));
         expect_zeros(offsetof(ContainerHeader, reserved), sizeof(header_), "in the header");
         expect_to_reach(sizeof(header_));
     }
@@ -138,11 +141,13 @@ class Check {
             const std::uint64_t extent_at = dims_at + sizeof(std::uint32_t) * axis;
             const std::uint32_t extent = descriptor.dims[axis];
             expect_to_reach(extent_at + sizeof(std::uint32_t));
-            // The library writes extents as a tensor's record has them: behind the last axis, 1, or
-            // 0 for a tensor that borrows its numbers.
-            if (axis >= ndim && extent > 1)
+            // The library writes extents as a tensor's record has them: behind the last axis, all
+            // are 1, or all 0 for a tensor that borrows its numbers.
+            const std::uint32_t expected = descriptor.dims[ndim] == 0 ? 0 : 1;
+            if (axis >= ndim && extent != expected)
                 refuse_at(file_, extent_at,
-                          fmt::format("an extent behind the last axis is {}, expected 1", extent));
+                          fmt::format("an extent behind the last axis is {}, expected {}", extent,
+                                      expected));
             if (axis < ndim && extent == 0) refuse_at(file_, extent_at, "an extent is 0");
         }
         if (i == 1)
@@ -196,6 +201,40 @@ class Check {
 };
 
 }  // namespace
+
+void check_tensors(const RegularFile& file) {
+    const std::vector<StoredTensor> tensors = read_container(file).tensors;
+    const StoredTensor* found[kMaxTensors]{};
+    for (std::size_t i = 0; i < tensors.size(); ++i) {
+        const auto* const name = std::find(std::begin(kNames), std::end(kNames), tensors[i].name);
+        if (name == std::end(kNames))
+            refuse_at(file, descriptor_at(i),
+                      fmt::format("a model has no tensor {}", quote(tensors[i].name)));
+        const StoredTensor*& place = found[name - std::begin(kNames)];
+        if (place != nullptr) refuse_at(file, descriptor_at(i), fmt::format("a second {}", *name));
+        place = &tensors[i];
+    }
+
+    const bool use_bias = found[kNumTables] != nullptr || found[kNumTables + 1] != nullptr;
+    for (std::uint32_t i = 0; i < (use_bias ? kMaxTensors : kNumTables); ++i)
+        if (found[i] == nullptr)
+            refuse_at(file, offsetof(ContainerHeader, num_tensors),
+                      fmt::format("there is no {}", kNames[i]));
+    const auto expect_shape = [&](std::uint32_t i, const std::vector<std::uint64_t>& shape) {
+        if (found[i]->shape != shape)
+            refuse_at(file,
+                      descriptor_at(static_cast<std::uint64_t>(found[i] - tensors.data())) +
+                          offsetof(ContainerDescriptor, ndim),
+                      fmt::format("{} is {}, expected {}", kNames[i], shape_text(found[i]->shape),
+                                  shape_text(shape)));
+    };
+    const std::uint64_t columns = found[0]->shape.back();
+    for (std::uint32_t i = 0; i < kNumTables; ++i) {
+        const std::uint64_t rows = found[i]->shape.front();
+        expect_shape(i, {rows, columns});
+        if (use_bias) expect_shape(kNumTables + i, {rows});
+    }
+}
 
 void check_every_byte(const RegularFile& file, const std::function<void()>& on_block) {
     Check(file, on_block).run();

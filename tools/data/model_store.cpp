@@ -3,6 +3,7 @@
 #include "atomic_file.hpp"
 #include "error.hpp"
 #include "ids_file.hpp"
+#include "model_check.hpp"
 #include "model_print.hpp"
 
 #include <cerrno>
@@ -60,15 +61,19 @@ std::optional<IdsFile> try_ids(const std::string& path, const std::string& model
     return std::nullopt;
 }
 
-// The ids that belong to a model; nothing when it has none. Throws Error(kBadModel) when there is
-// an ids file, but none that belongs to it.
-std::optional<IdsFile> find_ids(const std::string& model_path, const ModelPrint& model) {
+// Where the ids of a model may be.
+std::vector<std::string> ids_places(const std::string& model_path) {
     std::vector<std::string> places = {model_path + ".ids"};
     const std::string linked = follow_links(model_path) + ".ids";
     if (linked != places.front()) places.push_back(linked);
+    return places;
+}
 
+// The ids that belong to a model; nothing when it has none. Throws Error(kBadModel) when there is
+// an ids file, but none that belongs to it.
+std::optional<IdsFile> find_ids(const std::string& model_path, const ModelPrint& model) {
     std::optional<Error> refusal;
-    for (const std::string& place : places) {
+    for (const std::string& place : ids_places(model_path)) {
         // Between the first two looks, another process may put its pending ids in force.
         std::optional<Error> ignored;
         if (auto ids = try_ids(place, model_path, model, ignored)) return ids;
@@ -93,6 +98,7 @@ StoredModel load_once(const std::string& path) {
     zx_clear_error();
     stored.model.reset(zx_model_load(path.c_str()));
     if (!stored.model) fail_as_recorded(path, "is no model that can be used", Exit::kBadModel);
+    check_tensors(RegularFile(path));
 
     const zx_model_t& model = *stored.model;
     if (auto ids = find_ids(path, print)) {
@@ -186,6 +192,29 @@ StoredModel load_model(const std::string& path) {
         return stored;
     }
     throw Error(Exit::kInputOutput, path + ": is being replaced all the time");
+}
+
+StoredModel load_checked_model(const std::string& path, const std::function<void()>& on_block) {
+    const Identity before = identify(path);
+    check_every_byte(RegularFile(path), on_block);
+    StoredModel stored = load_model(path);
+    if (!(identify(path) == before))
+        throw Error(Exit::kInputOutput, path + ": changed while it was checked");
+    return stored;
+}
+
+std::vector<std::string> model_inputs(const std::string& path) {
+    std::vector<std::string> paths = {path};
+    for (const std::string& place : ids_places(path)) {
+        paths.push_back(place);
+        paths.push_back(pending(place));
+    }
+    return paths;
+}
+
+std::vector<std::string> model_outputs(const std::string& path) {
+    const std::string ids_path = follow_links(path) + ".ids";
+    return {path, ids_path, pending(ids_path)};
 }
 
 ModelPtr light_copy(const zx_model_t& model) {

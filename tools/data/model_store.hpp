@@ -9,9 +9,12 @@
 #include "id_map.hpp"
 #include "zorvex.h"
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zxtool {
 
@@ -33,10 +36,20 @@ struct StoredModel {
 void save_model(const zx_model_t& model, const IdMap& users, const IdMap& items,
                 const std::string& path);
 
-// Loads a model and its ids. Throws Error(kBadModel) for a file that is no model, for ids that do
+// Loads a model and its ids. Throws Error(kBadModel) for a file that is no model or lacks a part of
+// one, for ids that do
 // not belong to it or do not have its numbers of users and items; Error(kInputOutput) when a file
 // cannot be read; Error(kOutOfMemory).
 StoredModel load_model(const std::string& path);
+
+// The same for a file that is what the library writes, to the byte: Error(kBadModel) names the
+// offset of the first fault. `on_block` is called between blocks of the file and may be empty.
+// Throws Error(kInputOutput) if what was checked is not what was loaded.
+StoredModel load_checked_model(const std::string& path, const std::function<void()>& on_block);
+
+// The files that load_model() may read, and those that save_model() may write.
+std::vector<std::string> model_inputs(const std::string& path);
+std::vector<std::string> model_outputs(const std::string& path);
 
 // A second record over the same tensors, with scratch of its own: one for each thread.
 ModelPtr light_copy(const zx_model_t& model);

@@ -4,9 +4,11 @@
 #include "quote.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstddef>
 #include <fmt/format.h>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -115,16 +117,30 @@ class Dictionary {
     std::vector<std::uint64_t> shape_;
 };
 
+// The kinds of elements and their widths, as NumPy has them on any machine.
+struct Kind {
+    char letter;
+    std::array<std::uint64_t, 4> widths;  // ends where a width is 0
+};
+constexpr Kind kKinds[] = {
+    {'b', {1}}, {'i', {1, 2, 4, 8}}, {'u', {1, 2, 4, 8}}, {'f', {2, 4, 8, 16}}, {'c', {8, 16, 32}}};
+
+bool is_kind(char letter, std::uint64_t width) {
+    return std::any_of(std::begin(kKinds), std::end(kKinds), [=](const Kind& kind) {
+        return kind.letter == letter &&
+               std::find(kind.widths.begin(), kind.widths.end(), width) != kind.widths.end();
+    });
+}
+
 // The bytes of an element: '<f4' has 4. Kinds other than numbers and truth values are refused.
 std::uint64_t element_bytes_of(const RegularFile& file, std::string_view descr) {
     std::uint64_t bytes = 0;
-    if (descr.size() > 2 && "<>|"sv.find(descr[0]) != std::string_view::npos &&
-        "biufc"sv.find(descr[1]) != std::string_view::npos) {
+    if (descr.size() > 2 && "<>|"sv.find(descr[0]) != std::string_view::npos) {
         const auto [end, error] =
             std::from_chars(descr.data() + 2, descr.data() + descr.size(), bytes);
         if (error != std::errc() || end != descr.data() + descr.size()) bytes = 0;
     }
-    if (bytes < 1 || bytes > 32)
+    if (bytes == 0 || !is_kind(descr[1], bytes))
         refuse(file, fmt::format("elements of the type {} are no numbers", quote(descr)));
     return bytes;
 }

@@ -1,5 +1,6 @@
 #include "quote.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace zxtool {
@@ -14,6 +15,15 @@ bool continues_character(char c) {
 
 }  // namespace
 
+std::size_t control_bytes(std::string_view text) {
+    const auto byte = [text](std::size_t at) {
+        return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
+    };
+    if (text.empty()) return 0;
+    if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
+    return byte(0) == 0xC2 && byte(1) >= 0x80 && byte(1) <= 0x9F ? 2 : 0;
+}
+
 std::string quote(std::string_view text) {
     std::size_t length = text.size();
     if (length > kMaxQuoted) {
@@ -22,14 +32,17 @@ std::string quote(std::string_view text) {
         for (int i = 0; i < 3 && continues_character(text[length]); ++i) --length;
     }
     std::string quoted = "\"";
-    for (const char c : text.substr(0, length)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F)
-            quoted += fmt::format("\\x{:02X}", byte);
+    for (std::size_t at = 0; at < length;) {
+        const char c = text[at];
+        const std::size_t next = at + std::max<std::size_t>(control_bytes(text.substr(at)), 1);
+        if (control_bytes(text.substr(at)) != 0)
+            for (; at < next; ++at)
+                quoted += fmt::format("\\x{:02X}", static_cast<unsigned char>(text[at]));
         else if (c == '"' || c == '\\')
             (quoted += '\\') += c;
         else
             quoted += c;
+        at = next;
     }
     quoted += length < text.size() ? "...\"" : "\"";
     return quoted;

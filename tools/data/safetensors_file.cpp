@@ -44,27 +44,27 @@ std::string read_header(const RegularFile& file) {
 
 StoredTensor tensor_of(const RegularFile& file, const std::string& name, const Json& entry,
                        std::uint64_t data_at) {
-    const Json dtype = entry_of(entry, "dtype");
-    const Json shape = entry_of(entry, "shape");
-    const Json offsets = entry_of(entry, "data_offsets");
-    if (!dtype.is_string() || !is_list_of_numbers(shape) || !is_list_of_numbers(offsets) ||
-        offsets.size() != 2)
+    const Json* const dtype = entry_of(&entry, "dtype");
+    const Json* const shape = entry_of(&entry, "shape");
+    const Json* const offsets = entry_of(&entry, "data_offsets");
+    if (dtype == nullptr || !dtype->is_string() || !is_list_of_numbers(shape) ||
+        !is_list_of_numbers(offsets) || offsets->size() != 2)
         refuse(file, fmt::format("safetensors header: tensor {} has no dtype, shape and "
                                  "data_offsets as expected",
                                  quote(name)));
     const auto* const type =
         std::find_if(std::begin(kTypes), std::end(kTypes),
-                     [&dtype](const Type& known) { return dtype == known.name; });
+                     [&dtype](const Type& known) { return *dtype == known.name; });
     if (type == std::end(kTypes))
         refuse(file, fmt::format("safetensors header: tensor {} is of a type that is not known: {}",
-                                 quote(name), quote(dtype.get<std::string>())));
-    const auto begin = offsets[0].get<std::uint64_t>();
-    const auto end = offsets[1].get<std::uint64_t>();
+                                 quote(name), quote(dtype->get<std::string>())));
+    const auto begin = (*offsets)[0].get<std::uint64_t>();
+    const auto end = (*offsets)[1].get<std::uint64_t>();
     StoredTensor tensor{
         .name = name,
-        .dtype = dtype.get<std::string>(),
+        .dtype = dtype->get<std::string>(),
         .is_float32 = type->name == "F32",
-        .shape = shape.get<std::vector<std::uint64_t>>(),
+        .shape = shape->get<std::vector<std::uint64_t>>(),
         .offset = data_at + begin,
         .bytes = end - begin,
     };
@@ -83,7 +83,9 @@ std::vector<StoredTensor> read_safetensors(const RegularFile& file) {
     const std::string header = read_header(file);
     const std::uint64_t data_at = kLengthBytes + header.size();
     const Json entries = Json::parse(header, nullptr, false);
-    if (!entries.is_object()) refuse(file, "safetensors header is no JSON object");
+    // White space may stand behind the object and not in front of it.
+    if (!header.starts_with('{') || !entries.is_object())
+        refuse(file, "safetensors header is no JSON object");
 
     std::vector<StoredTensor> tensors;
     for (const auto& [name, entry] : entries.items())

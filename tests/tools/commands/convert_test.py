@@ -65,7 +65,8 @@ class Tensors(Convert):
         self.assertEqual(numpy.load(self.path("t.npy")).shape, (1, 3, 2))
 
     def test_keep_their_names_in_safetensors_files_whatever_these_are(self):
-        for name, kept in ((b"w", "w"), (b"", "tensor"), (b'a"b\\\n', 'a"b\\\n'),
+        for name, kept in ((b"w", "w"), (b"", "tensor"), (b"__metadata__", "tensor"),
+                           (b'a"b\\\n', 'a"b\\\n'),
                            (b"\xc3\xa4\xff", "\u00e4\ufffd")):
             with self.subTest(name=name):
                 self.write_bytes("t", tensor_file(name, (3, 2), RAW))
@@ -91,6 +92,8 @@ class Tensors(Convert):
                 ("offset 440: a tensor of 0 has 0 bytes", tensor_file(b"", (0,), b"")),
                 ("offset 440: a tensor of 4294967295x4294967295 has 24 bytes",
                  tensor_file(b"", (0xFFFFFFFF, 0xFFFFFFFF), RAW)),
+                ("offset 744: the tensors up to this one have more bytes than the file",
+                 self.of_two_that_overlap()),
                 ("offset 432: 24 bytes from 513 on are not in the file, which has 536",
                  tensor_file(b"", (6,), RAW, offset=513)),
                 ("offset 432: 24 bytes from 18446744073709551615 on are not in the file, which has "
@@ -98,6 +101,12 @@ class Tensors(Convert):
             with self.subTest(message=message):
                 self.write_bytes("t", contents)
                 self.fails(program.BAD_MODEL, f"t: {message}", "t", "--to", "npy", "out")
+
+
+    def of_two_that_overlap(self):
+        """A file of two tensors, both of which are the whole of its data."""
+        whole = tensor_file(b"", (300,), bytes(1200), count=2)
+        return whole[:456] + whole[152:456] + whole[760:]
 
 
 class Raw(Convert):
@@ -115,6 +124,8 @@ class Raw(Convert):
             self.fails(program.USAGE, f'--shape: "{shape}" is no shape, expected whole numbers from '
                        "1 to 4294967295 such as 3,4", "r.bin", f"--shape={shape}", "--to", "npy",
                        "out")
+        self.fails(program.USAGE, '--shape: "" is no shape, expected whole numbers from 1 to '
+                   "4294967295 such as 3,4", "r.bin", "--shape", "", "--to", "npy", "out")
         self.fails(program.USAGE, '--shape: "1,1,1,1,6" has 5 axes, expected at most 4',
                    "r.bin", "--shape", "1,1,1,1,6", "--to", "npy", "out")
 
@@ -182,6 +193,14 @@ class Failures(Convert):
         self.fails(program.INPUT_OUTPUT, message, "pipe", "--shape", "6", "--to", "raw", "out")
         self.fails(program.INPUT_OUTPUT, "none: cannot be opened: No such file or directory",
                    "none", "--to", "raw", "out")
+
+    def test_of_a_model_that_lacks_a_tensor(self):
+        self.save("m.zxm", MODEL)
+        whole = self.read_bytes("m.zxm")
+        self.write_bytes("m.zxm", whole.replace(b"mf.user_embeddings", b"xx.user_embeddings"))
+        self.fails(program.BAD_MODEL, 'm.zxm: offset 152: a model has no tensor '
+                   '"xx.user_embeddings"', "m.zxm", "--to", "raw", "--tensor", "user_embeddings",
+                   "out")
 
     def test_of_a_target_that_is_the_source(self):
         self.write_bytes("r.bin", RAW)

@@ -179,6 +179,44 @@ class Files(Export):
                            "export", "m.zxm", "--to", name, "out", preexec_fn=small_files)
                 self.assertEqual(self.files(), ["m.zxm"])
 
+    def test_of_a_model_that_lacks_numbers_are_not_made_up(self):
+        self.save("m.zxm", BIASED)
+        whole = self.read_bytes("m.zxm")
+        u32 = struct.Struct("<I").pack
+        user, item, user_bias, item_bias = (152 + 304 * i for i in range(4))
+        for message, *changes in (
+                (f"offset {user + 288}: a tensor of 2x3 has 4 bytes", (user + 288, u32(4))),
+                (f'offset {user}: a model has no tensor "xx.user_embeddings"', (user, b"xx")),
+                (f"offset {item_bias}: a second mf.item_biases", (user_bias + 3, b"item")),
+                ("offset 12: there is no mf.item_biases", (12, u32(3))),
+                (f"offset {item + 256}: mf.item_embeddings is 6x2, expected 6x3",
+                 (item + 260, u32(6) + u32(2))),
+                (f"offset {user_bias + 256}: mf.user_biases is 1, expected 2",
+                 (user_bias + 260, u32(1)), (user_bias + 288, u32(4))),
+                (f"offset {item_bias + 256}: mf.item_biases is 1x4, expected 4",
+                 (item_bias + 256, u32(2) + u32(1) + u32(4)))):
+            contents = bytearray(whole)
+            for offset, changed in changes:
+                contents[offset:offset + len(changed)] = changed
+            with open(self.path("m.zxm"), "wb") as file:
+                file.write(contents)
+            for name in ("csv", "safetensors"):
+                with self.subTest(message, to=name):
+                    _, error = self.run_tool("export", "m.zxm", "--to", name, "out",
+                                             status=program.BAD_MODEL)
+                    self.assertEqual(error, f"zorvex: m.zxm: {message}\n")
+        self.assertEqual(self.files(), ["m.zxm"])
+
+    def test_never_take_the_place_of_ids_of_a_linked_model(self):
+        os.mkdir(self.path("real"))
+        self.save_with_ids("real/m.zxm")
+        os.symlink("real/m.zxm", self.path("m.zxm"))
+        for path in ("real/m.zxm.ids", "real/m.zxm.ids.new", "m.zxm.ids", "m.zxm.ids.new"):
+            with open(self.path(path), "ab"):
+                pass
+            self.fails(program.USAGE, f"{path}: would overwrite the input",
+                       "export", "m.zxm", "--to", "json", path)
+
     def test_never_take_the_models_place(self):
         self.save_with_ids("m.zxm")
         for path in ("m.zxm", "./m.zxm", "m.zxm.ids"):

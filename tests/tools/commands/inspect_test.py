@@ -175,6 +175,7 @@ class Damage(Inspect):
                 ("safetensors header is 1048577 bytes long, expected at most 1048576, and those in "
                  "the file", safetensors(b"{}".ljust(1048577))),
                 ("safetensors header is no JSON object", safetensors(b"{")),
+                ("safetensors header is no JSON object", safetensors(b" {}")),
                 ("safetensors header is no JSON object", safetensors(b"[" * 1048576)),
                 ("safetensors header is no JSON object", safetensors([1])),
                 (lacks, safetensors({"a": 1})),
@@ -200,6 +201,45 @@ class Damage(Inspect):
             with self.subTest(message):
                 self.write_bytes("a.safetensors", contents)
                 self.refuses("a.safetensors", message)
+
+    def test_of_types_that_no_array_has(self):
+        for descr in ("<f3", "<f1", "<i16", "<u3", "<c4", "|b2", "<f32"):
+            self.write_bytes("a.npy", npy_of(descr, "(0,)"))
+            self.refuses("a.npy", f'elements of the type "{descr}" are no numbers')
+
+    def test_of_deeply_nested_json(self):
+        depth = 250_000
+        nested = "[" * depth + "]" * depth
+        for text in (f'{{"tensors":{nested}}}', f'{{"tensors":{{"a":{nested}}}}}',
+                     f'{{"tensors":{{"a":{{"shape":{nested},"dtype":"float32"}}}}}}',
+                     f'{{"tensors":{{"a":{{"shape":[1],"dtype":{nested}}}}}}}'):
+            self.write("a.json", text)
+            self.assertEqual(self.inspect("a.json"), {"format": "json", "tensors": []})
+        for fields in (f'"dtype":{nested}', f'"dtype":"F32","shape":{nested}',
+                       f'"dtype":"F32","shape":[1],"data_offsets":{nested}'):
+            self.write_bytes("a.safetensors", safetensors(f'{{"a":{{{fields}}}}}'.encode()))
+            self.refuses("a.safetensors", 'safetensors header: tensor "a" has no dtype, shape and '
+                         "data_offsets as expected")
+
+    def test_of_models_whose_head_does_not_say_the_truth(self):
+        self.save("m.zxm", Model([[1, 2]], [[3, 4]]))
+        whole = self.read_bytes("m.zxm")
+        for offset, number, message in (
+                (16, 64, "the offset of the data is 64, expected 768"),
+                (24, 897, "the size of the file is 897, expected 896"),
+                (432, 760, "the data begins at 760, in front of all data")):
+            self.write_bytes("m.zxm", whole[:offset] + struct.pack("<Q", number) +
+                             whole[offset + 8:])
+            self.refuses("m.zxm", f"offset {offset}: {message}", program.BAD_MODEL)
+
+    def test_of_tensors_that_are_the_whole_file_over_and_over(self):
+        count = 200
+        length = (152 + 304 * count + 63) // 64 * 64 + 4096
+        head = struct.pack("<4sIIIQQ120x", b"ZXQM", 1, 0, count, length - 4096, length)
+        one = struct.pack("<256sI4I4xQQ8x", b"a", 1, length // 4, 1, 1, 1, 0, length)
+        self.write_bytes("m.zxm", (head + one * count).ljust(length, b"\0"))
+        self.refuses("m.zxm", f"offset {152 + 304 + 288}: the tensors up to this one have more bytes "
+                     "than the file", program.BAD_MODEL)
 
     def test_of_other_files(self):
         self.write("a.raw", "12345")

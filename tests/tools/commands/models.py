@@ -29,7 +29,8 @@ def write_model(path, users, items, user_biases=None, item_biases=None):
         table += DESCRIPTOR.pack(name.encode(), len(dims), *dims, *[0] * (4 - len(dims)), 0,
                                  data_offset + len(data), size, 0)
         data += struct.pack(f"<{len(values)}f", *values) + bytes(padded(size) - size)
-    header = HEADER.pack(b"ZXQM", 1, 0, len(tensors), data_offset, data_offset + len(data), b"")
+    header = HEADER.pack(b"ZXQM", 1, 0, len(tensors), data_offset, data_offset + len(data),
+                         b"MatrixFactorization")
     with open(path, "wb") as file:
         file.write((header + table).ljust(data_offset, b"\0") + data)
 

@@ -12,6 +12,12 @@
 namespace zxtool {
 namespace {
 
+TEST(Output, HasNoControlCharactersOfOneByteOrTwo) {
+    EXPECT_EQ(printable("a\n\x1B\x7F"), "a???");
+    EXPECT_EQ(printable("\xC2\x80-\xC2\x9F-\xC2\xA0-\xC3\x80"), "?-?-\xC2\xA0-\xC3\x80");
+    EXPECT_EQ(printable("cut \xC2"), "cut \xC2");
+}
+
 TEST(Output, ShortestNumbersReadBackAsTheSameFloat) {
     EXPECT_EQ(shortest(0.1f), "0.1");
     EXPECT_EQ(shortest(-2.0f), "-2");

@@ -85,6 +85,8 @@ class Faults(Verify):
             with self.subTest(message):
                 self.refuses_with((offset, changed), message=f"offset {offset}: {message}")
         self.refuses_with((32, b"x" * 64), message="offset 95: no 0 behind the name of the model")
+        self.refuses_with((32, b"x"), message='offset 32: the model is named "xatrixFactorization", '
+                                              "expected MatrixFactorization")
         self.refuses_with((32, b"Name\0s"),
                           message="offset 37: the byte behind the name of the model is 115, "
                                   "expected 0")
@@ -97,6 +99,7 @@ class Faults(Verify):
                 (user + 256, u32(3), "the number of axes is 3, expected 2"),
                 (user + 260, u32(0), "an extent is 0"),
                 (user + 268, u32(2), "an extent behind the last axis is 2, expected 1"),
+                (user + 272, u32(1), "an extent behind the last axis is 1, expected 0"),
                 (user + 276, b"\1", "the byte in a descriptor is 1, expected 0"),
                 (user + 280, u64(DATA + 64),
                  f"the offset of mf.user_embeddings is {DATA + 64}, expected {DATA}"),
@@ -149,6 +152,8 @@ class Faults(Verify):
         for length in (0, 1, 4, 11, 24, 31):
             self.write_bytes(self.whole[:length])
             self.refuses(f"offset {length}: the file ends in its head")
+        self.write_bytes(b"ZX!")
+        self.refuses("offset 0: is no model file")
         # The header says the true length, and what the descriptors say is another one.
         for length in (40, 151, 152, 200):
             self.write_bytes(self.whole[:24] + u64(length) + self.whole[32:length])

@@ -61,6 +61,20 @@ TEST(FolderFiles, ReplaceTheirOwnRemoveTheOthersAndLeaveTheRest) {
     EXPECT_EQ(read_file(folder / "out/rest"), "old");
 }
 
+TEST(FolderFiles, ChangeNothingWhenOneOfTheOthersIsAFolder) {
+    const TemporaryFolder folder;
+    fs::create_directories(folder / "out/d");
+    for (const char* name : {"out/a", "out/c"}) write_file(folder / name, "old");
+    FolderFiles files(folder / "out");
+    write_two(files, "new");
+    EXPECT_EQ(failure_of([&] {
+                  files.commit({"c", "d"});
+              }),
+              "6: " + folder / "out/d" + ": is a folder, expected a file or nothing");
+    EXPECT_EQ(read_file(folder / "out/a"), "old");
+    EXPECT_EQ(read_file(folder / "out/c"), "old");
+}
+
 TEST(FolderFiles, NeedAFolderThatCanBeMade) {
     const TemporaryFolder folder;
     write_file(folder / "x", "mine");

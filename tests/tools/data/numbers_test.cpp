@@ -184,6 +184,8 @@ TEST(Quote, ShowsAnyBytesOnOneLine) {
     EXPECT_EQ(quote("a\tb\n\x7F"), "\"a\\x09b\\x0A\\x7F\"");
     EXPECT_EQ(quote("say \"hi\" \\o/"), "\"say \\\"hi\\\" \\\\o/\"");
     EXPECT_EQ(quote("caf\xC3\xA9"), "\"caf\xC3\xA9\"");
+    // Control characters of two bytes, which end at U+009F.
+    EXPECT_EQ(quote("\xC2\x80\xC2\x9F\xC2\xA0"), "\"\\xC2\\x80\\xC2\\x9F\xC2\xA0\"");
     EXPECT_EQ(quote(std::string("\x1B[31m", 5)), "\"\\x1B[31m\"");
 }
 
