@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): the library's own name
 class App;
 }
 
