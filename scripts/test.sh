@@ -24,7 +24,7 @@ step_release() {
     ctest --preset release --parallel "$jobs"
 }
 
-# Clang, and clang-tidy over every file.
+# Clang, and clang-tidy over every file but the tests, which ZORVEX_TIDY_TESTS adds.
 step_tidy() {
     configure_and_build tidy
 }
