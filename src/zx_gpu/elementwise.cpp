@@ -9,11 +9,9 @@ namespace {
 
 constexpr zx::Module kModule{"src/zx_gpu"};
 using zx::gpu::Argument;
-using zx::gpu::check_counts;
-using zx::gpu::check_extents;
 using zx::gpu::check_operands;
 using zx::gpu::enqueue;
-using zx::gpu::upload;
+using zx::gpu::prepare;
 
 zx_status_t unrecorded(bool enqueued) {
     return enqueued ? ZX_OK : ZX_ERR_KERNEL_EXEC;
@@ -21,10 +19,8 @@ zx_status_t unrecorded(bool enqueued) {
 
 // Checks and uploads the one tensor of an operation that works in place.
 zx_status_t prepare_in_place(zx_tensor_t* x) {
-    zx_status_t status = check_operands({x});
-    if (status != ZX_OK) return status;
-    if ((status = check_counts({x->size})) != ZX_OK) return status;
-    return upload({x});
+    const zx_status_t status = check_operands({x});
+    return status == ZX_OK ? prepare({x->size}, {}, {x}) : status;
 }
 
 // An activation without parameters, element by element.
@@ -70,10 +66,8 @@ zx_status_t zx_gpu_softmax_rows(zx_tensor_t* x) {
     if (x->ndim != 2) return kModule.fail(ZX_ERR_DIMENSION_MISMATCH, "Softmax requires 2D tensor");
     const std::uint64_t rows = x->dims[0];
     const std::uint64_t cols = x->dims[1];
-    if ((status = check_counts({rows, cols})) != ZX_OK) return status;
-    if ((status = check_extents({{x, rows * cols}})) != ZX_OK) return status;
 
-    if ((status = upload({x})) != ZX_OK) return status;
+    if ((status = prepare({rows, cols}, {{x, rows * cols}}, {x})) != ZX_OK) return status;
     return unrecorded(enqueue(zx::kSoftmaxRows, {x, rows, cols}, {rows}));
 }
 
@@ -82,11 +76,10 @@ zx_status_t zx_gpu_layer_norm(zx_tensor_t* x, zx_tensor_t* gamma, zx_tensor_t* b
     if (status != ZX_OK) return status;
     const std::uint64_t rows = x->dims[0];
     const std::uint64_t cols = x->dims[1];
-    if ((status = check_counts({rows, cols})) != ZX_OK) return status;
-    status = check_extents({{x, rows * cols}, {gamma, cols}, {beta, cols}});
-    if (status != ZX_OK) return status;
 
-    if ((status = upload({x, gamma, beta})) != ZX_OK) return status;
+    if ((status = prepare({rows, cols}, {{x, rows * cols}, {gamma, cols}, {beta, cols}},
+                          {x, gamma, beta})) != ZX_OK)
+        return status;
     return unrecorded(enqueue(zx::kLayerNorm, {x, gamma, beta, rows, cols, eps}, {rows}));
 }
 
@@ -95,11 +88,10 @@ zx_status_t zx_gpu_cosine_similarity(zx_tensor_t* output, zx_tensor_t* a, zx_ten
     if (status != ZX_OK) return status;
     const std::uint64_t rows = a->dims[0];
     const std::uint64_t d = a->dims[1];
-    if ((status = check_counts({rows, d})) != ZX_OK) return status;
-    status = check_extents({{a, rows * d}, {b, rows * d}, {output, rows}});
-    if (status != ZX_OK) return status;
 
-    if ((status = upload({a, b, output})) != ZX_OK) return status;
+    if ((status = prepare({rows, d}, {{a, rows * d}, {b, rows * d}, {output, rows}},
+                          {a, b, output})) != ZX_OK)
+        return status;
     return unrecorded(enqueue(zx::kCosineSimilarity, {a, b, output, rows, d}, {rows}));
 }
 
@@ -107,10 +99,8 @@ zx_status_t zx_gpu_vec_add(zx_tensor_t* output, zx_tensor_t* a, zx_tensor_t* b) 
     zx_status_t status = check_operands({output, a, b});
     if (status != ZX_OK) return status;
     const std::uint64_t n = a->size;
-    if ((status = check_counts({n})) != ZX_OK) return status;
-    if ((status = check_extents({{b, n}, {output, n}})) != ZX_OK) return status;
 
-    if ((status = upload({a, b, output})) != ZX_OK) return status;
+    if ((status = prepare({n}, {{b, n}, {output, n}}, {a, b, output})) != ZX_OK) return status;
     return unrecorded(enqueue(zx::kVecAdd, {a, b, output, n}, {n}));
 }
 
@@ -118,9 +108,7 @@ zx_status_t zx_gpu_vec_axpy(zx_tensor_t* x, zx_tensor_t* y, float alpha) {
     zx_status_t status = check_operands({x, y});
     if (status != ZX_OK) return status;
     const std::uint64_t n = x->size;
-    if ((status = check_counts({n})) != ZX_OK) return status;
-    if ((status = check_extents({{y, n}})) != ZX_OK) return status;
 
-    if ((status = upload({x, y})) != ZX_OK) return status;
+    if ((status = prepare({n}, {{y, n}}, {x, y})) != ZX_OK) return status;
     return unrecorded(enqueue(zx::kVecAxpy, {alpha, x, y, n}, {n}));
 }

@@ -42,6 +42,13 @@ zx_status_t upload(Tensors tensors) {
     return ZX_OK;
 }
 
+zx_status_t prepare(std::initializer_list<std::uint64_t> counts,
+                    std::initializer_list<Extent> extents, Tensors uploads) {
+    zx_status_t status = check_counts(counts);
+    if (status == ZX_OK) status = check_extents(extents);
+    return status == ZX_OK ? upload(uploads) : status;
+}
+
 bool enqueue(zx_kernel_id_t id, std::initializer_list<Argument> arguments,
              std::initializer_list<std::size_t> global_size) {
     const cl_kernel kernel = g_kernels.kernels[id];

@@ -55,6 +55,11 @@ zx_status_t check_extents(std::initializer_list<Extent> extents);
 // Uploads the tensors that are not current on the device, in order. The first failure is returned.
 zx_status_t upload(Tensors tensors);
 
+// The counts, the extents, then the uploads: all that stands between an operation's own checks and
+// its kernel.
+zx_status_t prepare(std::initializer_list<std::uint64_t> counts,
+                    std::initializer_list<Extent> extents, Tensors uploads);
+
 // Sets the arguments and enqueues the kernel over the global size of one or two dimensions, without
 // waiting. False if OpenCL refuses or the kernel file lacks the kernel; nothing is recorded.
 bool enqueue(zx_kernel_id_t kernel, std::initializer_list<Argument> arguments,

@@ -13,6 +13,7 @@ using zx::gpu::check_counts;
 using zx::gpu::check_extents;
 using zx::gpu::check_operands;
 using zx::gpu::enqueue;
+using zx::gpu::prepare;
 using zx::gpu::upload;
 
 // The result of a launch whose refusal is recorded.
@@ -51,10 +52,9 @@ zx_status_t zx_gpu_matmul(zx_tensor_t* c, zx_tensor_t* a, zx_tensor_t* b) {
     const std::uint64_t m = a->dims[0];
     const std::uint64_t k = a->dims[1];
     const std::uint64_t n = b->dims[0];
-    if ((status = check_counts({m, k, n})) != ZX_OK) return status;
-    if ((status = check_extents({{a, m * k}, {b, n * k}, {c, m * n}})) != ZX_OK) return status;
 
-    if ((status = upload({a, b, c})) != ZX_OK) return status;
+    if ((status = prepare({m, k, n}, {{a, m * k}, {b, n * k}, {c, m * n}}, {a, b, c})) != ZX_OK)
+        return status;
     // Never the tiled kernel, whatever the size, deliberately.
     return recorded(enqueue(zx::kMatmulSimple, {a, b, c, m, k, n}, {m, n}), "Matmul kernel failed");
 }
@@ -67,10 +67,10 @@ zx_status_t zx_gpu_embedding_lookup(zx_tensor_t* output, zx_tensor_t* table,
     const std::uint64_t rows = table->dims[0];
     const std::uint64_t d = table->dims[1];
     const std::uint64_t wanted = count;
-    if ((status = check_counts({d, wanted, rows})) != ZX_OK) return status;
-    if ((status = check_extents({{table, rows * d}, {output, wanted * d}})) != ZX_OK) return status;
 
-    if ((status = upload({table, output})) != ZX_OK) return status;
+    if ((status = prepare({d, wanted, rows}, {{table, rows * d}, {output, wanted * d}},
+                          {table, output})) != ZX_OK)
+        return status;
     zx::BufferPtr index_buffer(
         zx_buffer_create_with_data(indices, wanted * sizeof(std::uint32_t), CL_MEM_READ_ONLY));
     if (!index_buffer)
@@ -86,11 +86,10 @@ zx_status_t zx_gpu_batched_dot(zx_tensor_t* output, zx_tensor_t* a, zx_tensor_t*
     if (status != ZX_OK) return status;
     const std::uint64_t rows = a->dims[0];
     const std::uint64_t d = a->dims[1];
-    if ((status = check_counts({rows, d})) != ZX_OK) return status;
-    status = check_extents({{a, rows * d}, {b, rows * d}, {output, rows}});
-    if (status != ZX_OK) return status;
 
-    if ((status = upload({a, b, output})) != ZX_OK) return status;
+    if ((status = prepare({rows, d}, {{a, rows * d}, {b, rows * d}, {output, rows}},
+                          {a, b, output})) != ZX_OK)
+        return status;
     return recorded(enqueue(zx::kBatchedDotProduct, {a, b, output, rows, d}, {rows}),
                     "Batched dot product failed");
 }
@@ -100,11 +99,10 @@ zx_status_t zx_gpu_score_all_items(zx_tensor_t* scores, zx_tensor_t* user, zx_te
     if (status != ZX_OK) return status;
     const std::uint64_t num_items = items->dims[0];
     const std::uint64_t d = items->dims[1];
-    if ((status = check_counts({num_items, d})) != ZX_OK) return status;
-    status = check_extents({{user, d}, {items, num_items * d}, {scores, num_items}});
-    if (status != ZX_OK) return status;
 
-    if ((status = upload({user, items, scores})) != ZX_OK) return status;
+    if ((status = prepare({num_items, d}, {{user, d}, {items, num_items * d}, {scores, num_items}},
+                          {user, items, scores})) != ZX_OK)
+        return status;
     return recorded(enqueue(zx::kScoreAllItems, {user, items, scores, num_items, d}, {num_items}),
                     "Score all items failed");
 }

@@ -34,8 +34,9 @@ std::string quote(std::string_view text) {
     std::string quoted = "\"";
     for (std::size_t at = 0; at < length;) {
         const char c = text[at];
-        const std::size_t next = at + std::max<std::size_t>(control_bytes(text.substr(at)), 1);
-        if (control_bytes(text.substr(at)) != 0)
+        const std::size_t control = control_bytes(text.substr(at));
+        const std::size_t next = at + std::max<std::size_t>(control, 1);
+        if (control != 0)
             for (; at < next; ++at)
                 quoted += fmt::format("\\x{:02X}", static_cast<unsigned char>(text[at]));
         else if (c == '"' || c == '\\')

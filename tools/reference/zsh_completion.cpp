@@ -1,4 +1,4 @@
-// The completion for zsh, in the specifications of its function _arguments.
+// The completion for zsh, in the notation that its function _arguments reads.
 #include "reference.hpp"
 
 #include <fmt/format.h>
