@@ -162,18 +162,18 @@ class KernelFile(tool.Case):
         os.makedirs(self.path("prefix/bin"))
         self.program = shutil.copy(tool.TOOL, self.path("prefix/bin/zorvex"))
         self.plant("prefix/share/zorvex/zorvex_kernels.cl", tool.read(KERNELS).decode())
-        os.makedirs(self.path("user/work"))
+        os.makedirs(self.path("user/folder"))
 
     def plant(self, name, text=PLANTED):
         os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
         self.write(name, text)
         return self.path(name)
 
-    def installed(self, *arguments, folder="user/work"):
+    def installed(self, *arguments, folder="user/folder"):
         """Runs the installed program in a folder of a user."""
         return tool.run(*arguments, program=self.program, cwd=self.path(folder), env=WITH_POCL)
 
-    def expect_kernels(self, folder="user/work"):
+    def expect_kernels(self, folder="user/folder"):
         result = self.installed("--json", "devices", folder=folder)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         self.assertTrue(json.loads(result.stdout)["kernels_load"])
@@ -185,17 +185,17 @@ class KernelFile(tool.Case):
         listed = json.loads(result.stdout)
         self.assertEqual((listed["kernels_load"], listed["why_not"]), (False, why))
         self.assertEqual(result.stderr.splitlines()[-1], "the engine computes on the CPU: " + why)
-        self.write("user/work/in.csv", "a,x\nb,y\n")
+        self.write("user/folder/in.csv", "a,x\nb,y\n")
         train = self.installed("train", "in.csv", "-o", "m.zxm", "--device", "opencl")
         return train, result.stderr
 
     def test_of_the_prefix_is_taken_whatever_the_users_folder_holds(self):
         self.expect_kernels()
-        for name in ("user/work/zorvex_kernels.cl", "user/work/src/kernels/zorvex_kernels.cl",
+        for name in ("user/folder/zorvex_kernels.cl", "user/folder/src/kernels/zorvex_kernels.cl",
                      "user/src/kernels/zorvex_kernels.cl", "user/share/zorvex/zorvex_kernels.cl"):
             self.plant(name)
         self.expect_kernels()
-        self.good("generate", "-o", "user/work/in.csv", "--users", "100", "--items", "600",
+        self.good("generate", "-o", "user/folder/in.csv", "--users", "100", "--items", "600",
                   "--interactions", "2000")
         # Names of files are the user's own, before and behind the start of the engine.
         for command in (["train", "in.csv", "-o", "m.zxm", *BPR, *SPLIT],
@@ -206,7 +206,7 @@ class KernelFile(tool.Case):
             self.assertIn("device ", result.stderr)
             self.assertNotIn("PLANTED", result.stderr)
         self.assertLessEqual({"m.zxm", "m.zxm.ids", "train.csv", "best.csv"},
-                             set(os.listdir(self.path("user/work"))))
+                             set(os.listdir(self.path("user/folder"))))
 
     def test_beside_the_program_is_a_reason_to_use_no_device(self):
         for place in ("prefix/bin", "prefix/bin/src/kernels", "prefix/src/kernels"):
@@ -256,14 +256,14 @@ class KernelFile(tool.Case):
         self.plant("prefix/share/zorvex/zorvex_kernels.cl",
                    "__kernel void relu(__global float* x, const int n) { x[0] = n; }\n")
         self.expect_kernels()
-        self.good("generate", "-o", "user/work/in.csv", "--users", "100", "--items", "600",
+        self.good("generate", "-o", "user/folder/in.csv", "--users", "100", "--items", "600",
                   "--interactions", "2000")
         result = self.installed("train", "in.csv", "-o", "m.zxm", *BPR, "--device", "opencl")
         self.assertEqual(result.returncode, 7)
         self.assertEqual(result.stderr.splitlines()[-1],
                          "zorvex: --device opencl: the device fails at training: Kernel execution "
                          "failed; m.zxm is untouched")
-        self.assertNotIn("m.zxm", os.listdir(self.path("user/work")))
+        self.assertNotIn("m.zxm", os.listdir(self.path("user/folder")))
 
     def test_is_found_from_a_folder_that_cannot_be_read_or_is_gone(self):
         closed = self.path("closed")
