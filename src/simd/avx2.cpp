@@ -21,6 +21,16 @@ struct Vector {
     static Floats fused(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
     static Floats fused_negative(Floats a, Floats b, Floats c) { return _mm256_fnmadd_ps(a, b, c); }
 
+    static Floats broadcast_lane(Floats v, size_t i) {
+        return _mm256_permutevar8x32_ps(v, _mm256_set1_epi32(static_cast<int>(i)));
+    }
+    static float lane(Floats v, size_t i) { return _mm256_cvtss_f32(broadcast_lane(v, i)); }
+    static Floats fused_after(size_t p, Floats a, Floats b, Floats c) {
+        const __m256i lanes = _mm256_set_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+        const __m256i after = _mm256_cmpgt_epi32(lanes, _mm256_set1_epi32(static_cast<int>(p)));
+        return _mm256_blendv_ps(c, _mm256_fmadd_ps(a, b, c), _mm256_castsi256_ps(after));
+    }
+
     static Floats load_quads(const float* const* p) {
         return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(p[0])), _mm_loadu_ps(p[1]),
                                     1);
@@ -33,6 +43,16 @@ struct Vector {
         const Floats s = _mm256_add_ps(t, _mm256_permute_ps(t, 0b10110001));
         out[0] = _mm256_cvtss_f32(s);
         out[1] = _mm_cvtss_f32(_mm256_extractf128_ps(s, 1));
+    }
+    static void transpose_quads(Floats* v) {
+        const __m256d a = _mm256_castps_pd(_mm256_unpacklo_ps(v[0], v[1]));
+        const __m256d b = _mm256_castps_pd(_mm256_unpackhi_ps(v[0], v[1]));
+        const __m256d c = _mm256_castps_pd(_mm256_unpacklo_ps(v[2], v[3]));
+        const __m256d d = _mm256_castps_pd(_mm256_unpackhi_ps(v[2], v[3]));
+        v[0] = _mm256_castpd_ps(_mm256_unpacklo_pd(a, c));
+        v[1] = _mm256_castpd_ps(_mm256_unpackhi_pd(a, c));
+        v[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(b, d));
+        v[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(b, d));
     }
     static float sum_16(const Floats* parts) {
         const Floats eight = _mm256_add_ps(parts[0], parts[1]);
@@ -56,6 +76,7 @@ struct Vector {
 }  // namespace
 
 #include "simd/wide.inl"
+#include "simd/wide_dense.inl"
 
 namespace zx::simd {
 
@@ -70,9 +91,13 @@ const Operations kAvx2Operations = {
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
-    .add_scaled = add_scaled,
-    .add_outer_products = add_outer_products,
+    .transpose = transpose,
+    .add_scaled_rows = add_scaled_rows,
+    .add_weighted_squares = add_weighted_squares,
+    .add_products = add_products,
+    .add_upper_products = add_upper_products,
     .eliminate = eliminate,
+    .solve_positive = solve_positive,
 };
 
 }  // namespace zx::simd

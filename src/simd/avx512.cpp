@@ -21,6 +21,14 @@ struct Vector {
     static Floats fused(Floats a, Floats b, Floats c) { return _mm512_fmadd_ps(a, b, c); }
     static Floats fused_negative(Floats a, Floats b, Floats c) { return _mm512_fnmadd_ps(a, b, c); }
 
+    static Floats broadcast_lane(Floats v, size_t i) {
+        return _mm512_permutexvar_ps(_mm512_set1_epi32(static_cast<int>(i)), v);
+    }
+    static float lane(Floats v, size_t i) { return _mm512_cvtss_f32(broadcast_lane(v, i)); }
+    static Floats fused_after(size_t p, Floats a, Floats b, Floats c) {
+        return _mm512_mask3_fmadd_ps(a, b, c, static_cast<__mmask16>(0xfffeU << p));
+    }
+
     static Floats load_quads(const float* const* p) {
         const Floats one = _mm512_castps128_ps512(_mm_loadu_ps(p[0]));
         const Floats two = _mm512_insertf32x4(one, _mm_loadu_ps(p[1]), 1);
@@ -34,6 +42,16 @@ struct Vector {
         // Every lane of a group holds its sum; one of each, packed.
         const __m512i firsts = _mm512_set_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12, 8, 4, 0);
         _mm_storeu_ps(out, _mm512_castps512_ps128(_mm512_permutexvar_ps(firsts, s)));
+    }
+    static void transpose_quads(Floats* v) {
+        const __m512d a = _mm512_castps_pd(_mm512_unpacklo_ps(v[0], v[1]));
+        const __m512d b = _mm512_castps_pd(_mm512_unpackhi_ps(v[0], v[1]));
+        const __m512d c = _mm512_castps_pd(_mm512_unpacklo_ps(v[2], v[3]));
+        const __m512d d = _mm512_castps_pd(_mm512_unpackhi_ps(v[2], v[3]));
+        v[0] = _mm512_castpd_ps(_mm512_unpacklo_pd(a, c));
+        v[1] = _mm512_castpd_ps(_mm512_unpackhi_pd(a, c));
+        v[2] = _mm512_castpd_ps(_mm512_unpacklo_pd(b, d));
+        v[3] = _mm512_castpd_ps(_mm512_unpackhi_pd(b, d));
     }
     static float sum_16(const Floats* parts) {
         const __m256 eight =
@@ -58,6 +76,7 @@ struct Vector {
 }  // namespace
 
 #include "simd/wide.inl"
+#include "simd/wide_dense.inl"
 
 namespace zx::simd {
 
@@ -72,9 +91,13 @@ const Operations kAvx512Operations = {
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
-    .add_scaled = add_scaled,
-    .add_outer_products = add_outer_products,
+    .transpose = transpose,
+    .add_scaled_rows = add_scaled_rows,
+    .add_weighted_squares = add_weighted_squares,
+    .add_products = add_products,
+    .add_upper_products = add_upper_products,
     .eliminate = eliminate,
+    .solve_positive = solve_positive,
 };
 
 }  // namespace zx::simd

@@ -66,16 +66,38 @@ bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
     return beyond == 0;
 }
 
-void add_scaled(float* out, const float* x, float factor, size_t d) {
-    for (size_t k = 0; k < d; ++k) out[k] += x[k] * factor;
+void transpose(const float* const* rows, size_t count, size_t d, float* out, size_t stride) {
+    for (size_t k = 0; k < d; ++k)
+        for (size_t j = 0; j < count; ++j) out[k * stride + j] = rows[j][k];
 }
 
-void add_outer_products(float* a, const float* left, const float* right, size_t count, size_t rows,
-                        size_t stride) {
+void add_scaled_rows(float* out, const float* const* rows, const float* factors, size_t count,
+                     size_t d) {
     for (size_t j = 0; j < count; ++j)
-        for (size_t k = 0; k < rows; ++k)
-            for (size_t l = k; l < stride; ++l)
-                a[k * stride + l] += left[j * stride + k] * right[j * stride + l];
+        for (size_t k = 0; k < d; ++k) out[k] += rows[j][k] * factors[j];
+}
+
+void add_weighted_squares(float* a, const float* const* rows, const float* weights, size_t count,
+                          size_t d, float* /*scratch*/) {
+    for (size_t j = 0; j < count; ++j)
+        for (size_t k = 0; k < d; ++k)
+            for (size_t l = k; l < d; ++l) a[k * d + l] += rows[j][k] * (rows[j][l] * weights[j]);
+}
+
+void add_products_from(const Products& p, bool upper) {
+    for (size_t k = 0; k < p.count; ++k)
+        for (size_t i = p.first_row; i < p.rows; ++i)
+            for (size_t j = upper ? i : 0; j < p.columns; ++j)
+                p.c[i * p.c_stride + j] +=
+                    p.left[k * p.left_stride + i] * p.right[k * p.right_stride + j];
+}
+
+void add_products(const Products& products) {
+    add_products_from(products, false);
+}
+
+void add_upper_products(const Products& products) {
+    add_products_from(products, true);
 }
 
 void eliminate(float* a, size_t k, size_t rows, size_t stride) {
@@ -85,6 +107,42 @@ void eliminate(float* a, size_t k, size_t rows, size_t stride) {
         float* const row = a + r * stride;
         const float factor = row[k];
         for (size_t m = k + 1; m < stride; ++m) row[m] -= pivot_row[m] * factor;
+    }
+}
+
+// a becomes U, whose diagonal holds the pivots; b becomes the solution of U' D^-1 y = b.
+void factorise(const PositiveSystem& system) {
+    const size_t stride = system.stride;
+    for (size_t p = 0; p < system.size; ++p) {
+        const float* const pivot_row = system.a + p * stride;
+        system.reciprocals[p] = 1.0f / pivot_row[p];
+        for (size_t q = p + 1; q < system.size; ++q) {
+            const float factor = -(pivot_row[q] * system.reciprocals[p]);
+            float* const row = system.a + q * stride;
+            for (size_t c = q; c < system.size; ++c) row[c] += factor * pivot_row[c];
+            system.b[q] += factor * system.b[p];
+        }
+    }
+}
+
+// U x = y. The products with the unknowns of later blocks of kRowUnit make sixteen interleaved
+// partial sums, halved four times as in dot_two; those of the own block are taken off one by one,
+// from the last.
+void substitute_back(const PositiveSystem& system) {
+    for (size_t p = system.size; p-- > 0;) {
+        const float* const row = system.a + p * system.stride;
+        const size_t block_end = (p / kRowUnit + 1) * kRowUnit;
+        const float later = dot_16(row + block_end, system.b + block_end, system.size - block_end);
+        float sum = system.b[p] - later;
+        for (size_t q = block_end; q-- > p + 1;) sum -= row[q] * system.b[q];
+        system.b[p] = sum * system.reciprocals[p];
+    }
+}
+
+void solve_positive(const PositiveSystem* systems, size_t count) {
+    for (size_t s = 0; s < count; ++s) {
+        factorise(systems[s]);
+        substitute_back(systems[s]);
     }
 }
 
@@ -101,9 +159,13 @@ const Operations kScalarOperations = {
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
-    .add_scaled = add_scaled,
-    .add_outer_products = add_outer_products,
+    .transpose = transpose,
+    .add_scaled_rows = add_scaled_rows,
+    .add_weighted_squares = add_weighted_squares,
+    .add_products = add_products,
+    .add_upper_products = add_upper_products,
     .eliminate = eliminate,
+    .solve_positive = solve_positive,
 };
 
 }  // namespace zx::simd

@@ -21,6 +21,32 @@ inline constexpr size_t kPairBatch = 16;
 // Matrices of the second group have rows of whole vectors, this many floats or a multiple of it.
 inline constexpr size_t kRowUnit = 16;
 
+// The products of one side's columns with the other side's: c[i][j] += left[k][i] * right[k][j].
+// Each array has its own distance between rows; `rows` and `columns` are multiples of kRowUnit.
+struct Products {
+    float* c;
+    size_t c_stride;
+    const float* left;
+    size_t left_stride;
+    const float* right;
+    size_t right_stride;
+    size_t count;  // the terms of each sum
+    size_t rows;
+    size_t columns;
+    size_t first_row;  // rows before it may be left out
+};
+
+// A symmetric positive definite system: a, of which the upper triangle counts, times the solution
+// equals b.
+struct PositiveSystem {
+    float* a;            // [size x stride]
+    float* b;            // [size], the solution afterwards
+    float* scaled;       // [kRowUnit x stride] scratch
+    float* reciprocals;  // [size]: 1 / pivot afterwards
+    size_t size;         // a multiple of kRowUnit
+    size_t stride;       // likewise
+};
+
 // The bits of the numbers below 0: from the smallest denormal to minus infinity.
 inline constexpr int32_t kFirstNegative = INT32_MIN + 1;
 inline constexpr int32_t kNegativeSpan = 0x7f7fffff;
@@ -70,20 +96,38 @@ struct Operations {
     // Whether every id is below the limit. Reads all of them.
     bool (*all_below)(const uint32_t* ids, size_t count, uint32_t limit);
 
+    // out[k][j] = rows[j][k] for k below d and j below count, a multiple of kRowUnit. Rows of out
+    // are `stride` floats apart.
+    void (*transpose)(const float* const* rows, size_t count, size_t d, float* out, size_t stride);
+
     // ---- Second group: fused where the processor can. ----
 
-    // out[k] += x[k] * factor.
-    void (*add_scaled)(float* out, const float* x, float factor, size_t d);
+    // out[k] += rows[j][k] * factors[j], in the order of j, for k below d, a multiple of kRowUnit.
+    void (*add_scaled_rows)(float* out, const float* const* rows, const float* factors,
+                            size_t count, size_t d);
 
-    // a[k][l] += left[j][k] * right[j][l] for every l >= k, in the order of j. All three have rows
-    // of `stride` floats, a multiple of kRowUnit, and start on a vector boundary; k and l run below
-    // `stride`, and some elements below the diagonal are changed too.
-    void (*add_outer_products)(float* a, const float* left, const float* right, size_t count,
-                               size_t rows, size_t stride);
+    // a[k][l] += rows[j][k] * (rows[j][l] * weights[j]) for every l >= k, in the order of j; some
+    // elements below the diagonal are changed too. Rows have d floats, a multiple of kRowUnit, and
+    // so have a's. `scratch` has room for `count` rows.
+    void (*add_weighted_squares)(float* a, const float* const* rows, const float* weights,
+                                 size_t count, size_t d, float* scratch);
+
+    // Products in the order of k.
+    void (*add_products)(const Products& products);
+
+    // The same for j >= i only; some elements below the diagonal are changed too.
+    void (*add_upper_products)(const Products& products);
 
     // One step of the elimination: a[r][m] -= a[k][m] * a[r][k] for every row r but k and every m
-    // from k + 1 on. Columns up to k are scratch afterwards. Rows as above.
+    // from k + 1 on. Columns up to k are scratch afterwards. Rows are `stride` floats, a multiple
+    // of kRowUnit.
     void (*eliminate)(float* a, size_t k, size_t rows, size_t stride);
+
+    // Solves systems side by side, which hides how long each step of a small one takes. The
+    // results are those of one at a time: a = U' D^-1 U without pivoting (Golub, Van Loan, "Matrix
+    // Computations", 4.1), every element changed in the order of the pivots, then the two
+    // substitutions. A pivot that is not positive is not looked for; its reciprocal tells.
+    void (*solve_positive)(const PositiveSystem* systems, size_t count);
 };
 
 enum class Variant { kScalar, kAvx2, kAvx512 };

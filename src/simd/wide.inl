@@ -5,14 +5,18 @@
 //
 // Vector offers:
 //   Floats, kLanes           the register and its number of floats
-//   kBlockRows               rows of a register block that fit the register file
+//   kBlockRows               three times as many registers leave enough for a step's operands
 //   zero, broadcast, load, store
+//   lane(v, i)               one of its floats
+//   broadcast_lane(v, i)     the same in every lane
 //   add, multiply            one rounding each
 //   fused, fused_negative    a * b + c and c - a * b in one rounding
+//   fused_after(p, a, b, c)  fused in the lanes after p, c in the others
 //   kQuads                   groups of four lanes in a register
 //   load_quads(p)            four floats from each of kQuads addresses
 //   repeat_quad(p)           four floats, repeated in every group
 //   fold_quads(v, out)       ((s0 + s2) + (s1 + s3)) of every group, kQuads results
+//   transpose_quads(v)       the 4 x 4 floats that four registers have in each group, transposed
 //   sum_16(lo or whole)      see dot_two in simd.hpp
 //   greater_mask(v, t)       a bit for each lane that is greater
 //   clear_negative(v)        0 where is_negative(), see simd.hpp, else the lane as it is
@@ -179,80 +183,6 @@ bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
     uint32_t beyond = 0;
     for (size_t k = 0; k < count; ++k) beyond |= static_cast<uint32_t>(ids[k] >= limit);
     return beyond == 0;
-}
-
-void add_scaled(float* out, const float* x, float factor, size_t d) {
-    const Floats f = Vector::broadcast(factor);
-    size_t k = 0;
-    for (; k + Vector::kLanes <= d; k += Vector::kLanes)
-        Vector::store(out + k, Vector::fused(Vector::load(x + k), f, Vector::load(out + k)));
-    for (; k < d; ++k) out[k] = __builtin_fmaf(x[k], factor, out[k]);
-}
-
-// A block of kRows x (kColumns vectors) of the product stays in registers for all of the rows of
-// left and right.
-template <size_t kRows, size_t kColumns>
-void add_block(float* a, const float* left, const float* right, size_t count, size_t stride) {
-    Floats block[kRows][kColumns];
-    for (size_t i = 0; i < kRows; ++i)
-        for (size_t c = 0; c < kColumns; ++c)
-            block[i][c] = Vector::load(a + i * stride + c * Vector::kLanes);
-    for (size_t j = 0; j < count; ++j) {
-        Floats r[kColumns];
-        for (size_t c = 0; c < kColumns; ++c)
-            r[c] = Vector::load(right + j * stride + c * Vector::kLanes);
-        for (size_t i = 0; i < kRows; ++i) {
-            const Floats l = Vector::broadcast(left[j * stride + i]);
-            for (size_t c = 0; c < kColumns; ++c) block[i][c] = Vector::fused(l, r[c], block[i][c]);
-        }
-    }
-    for (size_t i = 0; i < kRows; ++i)
-        for (size_t c = 0; c < kColumns; ++c)
-            Vector::store(a + i * stride + c * Vector::kLanes, block[i][c]);
-}
-
-template <size_t kRows>
-void add_block_row(float* a, const float* left, const float* right, size_t count, size_t k,
-                   size_t stride) {
-    constexpr size_t kLanes = Vector::kLanes;
-    size_t l = k / kLanes * kLanes;
-    for (; l + 2 * kLanes <= stride; l += 2 * kLanes)
-        add_block<kRows, 2>(a + k * stride + l, left + k, right + l, count, stride);
-    if (l < stride) add_block<kRows, 1>(a + k * stride + l, left + k, right + l, count, stride);
-}
-
-void add_outer_products(float* a, const float* left, const float* right, size_t count, size_t rows,
-                        size_t stride) {
-    size_t k = 0;
-    for (; k + Vector::kBlockRows <= rows; k += Vector::kBlockRows)
-        add_block_row<Vector::kBlockRows>(a, left, right, count, k, stride);
-    for (; k < rows; ++k) add_block_row<1>(a, left, right, count, k, stride);
-}
-
-// Eliminates column k from kRows rows at once, which share the loads of the pivot row. The vector
-// that holds column k is changed as a whole; the factors are read before.
-template <size_t kRows>
-void eliminate_rows(float* rows, const float* pivot_row, size_t k, size_t stride) {
-    Floats factors[kRows];
-    for (size_t i = 0; i < kRows; ++i) factors[i] = Vector::broadcast(rows[i * stride + k]);
-    for (size_t m = (k + 1) / Vector::kLanes * Vector::kLanes; m < stride; m += Vector::kLanes) {
-        const Floats pivot = Vector::load(pivot_row + m);
-        for (size_t i = 0; i < kRows; ++i) {
-            float* const at = rows + i * stride + m;
-            Vector::store(at, Vector::fused_negative(pivot, factors[i], Vector::load(at)));
-        }
-    }
-}
-
-void eliminate_range(float* a, size_t begin, size_t end, size_t k, size_t stride) {
-    size_t r = begin;
-    for (; r + 4 <= end; r += 4) eliminate_rows<4>(a + r * stride, a + k * stride, k, stride);
-    for (; r < end; ++r) eliminate_rows<1>(a + r * stride, a + k * stride, k, stride);
-}
-
-void eliminate(float* a, size_t k, size_t rows, size_t stride) {
-    eliminate_range(a, 0, k, k, stride);
-    eliminate_range(a, k + 1, rows, k, stride);
 }
 
 }  // namespace

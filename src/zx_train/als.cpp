@@ -6,6 +6,7 @@
 #include "zorvex.h"
 #include "zx_train/als_rows.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -28,6 +29,8 @@ bool fits_model(const zx_sparse_t& interactions, const zx_model_t& model) {
 
 // The interactions by item, users in increasing order within each.
 struct ItemMajor {
+    static constexpr std::uint32_t kPrefetchDistance = 16;
+
     zx::AlignedPtr<std::uint32_t[]> counts;
     zx::AlignedPtr<std::uint32_t[]> starts;
     zx::AlignedPtr<std::uint32_t[]> users;
@@ -52,6 +55,12 @@ struct ItemMajor {
         for (std::uint32_t user = 0; user < num_users; ++user)
             for (std::uint32_t i = interactions.row_ptr[user]; i < interactions.row_ptr[user + 1];
                  ++i) {
+                // The places are scattered, so those of later entries are fetched.
+                if (last - i > kPrefetchDistance) {
+                    const std::uint32_t ahead = counts[interactions.col_idx[i + kPrefetchDistance]];
+                    __builtin_prefetch(users.get() + ahead, 1);
+                    __builtin_prefetch(strengths.get() + ahead, 1);
+                }
                 const std::uint32_t at = counts[interactions.col_idx[i]]++;
                 users[at] = user;
                 strengths[at] = interactions.values[i];
@@ -70,28 +79,24 @@ zx_status_t zx_model_train_als_epoch(zx_model_t* model, const zx_sparse_t* inter
         return kModule.fail(ZX_ERR_DIMENSION_MISMATCH, "Interactions do not fit the model");
     (void)num_threads;  // the epoch runs on the calling thread, which needs one workspace
 
-    const std::uint32_t d = model->embedding_dim;
-    zx::als::Workspace workspace;
-    if (!workspace.allocate(d)) return ZX_ERR_OUT_OF_MEMORY;
-    const zx::AlignedPtr<float[]> gram(
-        static_cast<float*>(zx_calloc_aligned(d, zx::als::padded_stride(d) * sizeof(float))));
-    if (!gram) return ZX_ERR_OUT_OF_MEMORY;
+    zx::als::HalfEpoch half;
+    if (!half.allocate(model->embedding_dim, std::max(model->num_users, model->num_items),
+                       regularization))
+        return ZX_ERR_OUT_OF_MEMORY;
     float* const users = model->user_embeddings->data;
     float* const items = model->item_embeddings->data;
 
-    zx::als::fill_gram(items, model->num_items, d, regularization, workspace, gram.get());
-    zx::als::solve_rows(0, model->num_users,
-                        {interactions->row_ptr, interactions->col_idx, interactions->values},
-                        {items, d, gram.get()}, alpha, workspace, users);
+    half.fix(items, model->num_items);
+    half.solve(0, model->num_users,
+               {interactions->row_ptr, interactions->col_idx, interactions->values}, alpha, users);
 
     // A matrix without entries ends here, deliberately after the user rows were solved.
     ItemMajor by_item;
     if (!by_item.allocate(model->num_items, interactions->nnz)) return ZX_ERR_OUT_OF_MEMORY;
     by_item.fill(*interactions, model->num_users, model->num_items);
 
-    zx::als::fill_gram(users, model->num_users, d, regularization, workspace, gram.get());
-    zx::als::solve_rows(0, model->num_items,
-                        {by_item.starts.get(), by_item.users.get(), by_item.strengths.get()},
-                        {users, d, gram.get()}, alpha, workspace, items);
+    half.fix(users, model->num_users);
+    half.solve(0, model->num_items,
+               {by_item.starts.get(), by_item.users.get(), by_item.strengths.get()}, alpha, items);
     return ZX_OK;
 }

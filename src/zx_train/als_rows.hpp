@@ -2,25 +2,17 @@
 //
 // Rows are independent, and the arithmetic of a row does not depend on which rows are solved with
 // it, so any split of the rows over workers gives the same bytes. There is no state between rows;
-// scratch is handed in.
+// each worker has a HalfEpoch of its own.
 #pragma once
 
 #include "common/owned.hpp"
+#include "zx_train/als_elimination.hpp"
+#include "zx_train/als_positive.hpp"
+#include "zx_train/als_side.hpp"
 
 #include <cstdint>
 
 namespace zx::als {
-
-// Matrices of d x d systems are stored with padded rows: d columns, one for the right-hand side,
-// and zeros up to whole vectors.
-std::uint64_t padded_stride(std::uint32_t d);
-
-// The side held fixed: its embedding rows and their Gram matrix with the regularised diagonal.
-struct FixedSide {
-    const float* table;  // rows of d floats
-    std::uint32_t d;     // embedding dimension
-    const float* gram;   // [d x padded_stride(d)]
-};
 
 // The interactions of the side to solve: the entries of row r stand at starts[r] to starts[r + 1].
 struct Entries {
@@ -29,33 +21,29 @@ struct Entries {
     const float* strengths;
 };
 
-// Scratch for one worker.
-class Workspace {
+class HalfEpoch {
   public:
-    // False if memory is short or d is 0.
-    [[nodiscard]] bool allocate(std::uint32_t d);
+    // Memory for sides of up to so many rows of d floats; false if it is short or d is 0.
+    [[nodiscard]] bool allocate(std::uint32_t d, std::uint32_t max_rows, float regularization);
 
-    float* system() { return block_.get(); }  // [d x stride] matrix and right-hand side
-    float* right_hand_side() { return right_hand_side_; }  // [stride]
-    float* panel() { return panel_; }                      // [kPanelRows x stride] gathered rows
-    float* scaled_panel() { return scaled_panel_; }        // the same, times their weights
+    // Holds a side fixed: the sum of y y' over all rows y of its table, in row order, plus the
+    // regularisation on the diagonal, and what follows from it.
+    void fix(const float* table, std::uint32_t rows);
 
-    static constexpr std::uint32_t kPanelRows = 64;  // the two panels of d = 64 take 40 KiB
+    // Solves rows first to last - 1 and writes them into `solved`, a table of d columns.
+    void solve(std::uint32_t first, std::uint32_t last, const Entries& entries, float alpha,
+               float* solved);
 
   private:
-    AlignedPtr<float[]> block_;
-    float* right_hand_side_ = nullptr;
-    float* panel_ = nullptr;
-    float* scaled_panel_ = nullptr;
+    void fill_gram();
+    void solve_batch(const Row* rows, float** solutions, std::uint32_t count);
+
+    FixedSide fixed_ = {};
+    bool has_systems_ = false;
+    AlignedPtr<float[]> gram_;   // [padded(d) x padded(d)]
+    AlignedPtr<float[]> panel_;  // [kPanelRows x padded(d)]
+    Elimination elimination_;
+    PositiveSystems systems_;
 };
-
-// Fills `gram` with the sum of y y' over all rows y of a table, in row order, plus the
-// regularisation on the diagonal.
-void fill_gram(const float* table, std::uint32_t rows, std::uint32_t d, float regularization,
-               Workspace& workspace, float* gram);
-
-// Solves rows first to last - 1 and writes them into `solved`, a table of d columns.
-void solve_rows(std::uint32_t first, std::uint32_t last, const Entries& entries,
-                const FixedSide& fixed, float alpha, Workspace& workspace, float* solved);
 
 }  // namespace zx::als

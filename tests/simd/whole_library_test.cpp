@@ -6,6 +6,7 @@
 #include "model_records.hpp"
 #include "simd/simd.hpp"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -74,21 +75,28 @@ TEST_F(EveryVariant, ScoresRanksAndTrainsToTheSameBits) {
     }
 }
 
+// Users with 1 to 96 of 120 items, so that there are rows with fewer and with more entries than
+// dimensions on both sides.
 ModelContents after_als(std::uint32_t dim) {
+    constexpr std::uint32_t kUsers = 40;
+    constexpr std::uint32_t kItems = 120;
     RandomNumbers random(dim);
-    const ModelPtr model = random_model({30, 50, dim, false}, random);
-    const SparsePtr matrix(zx_sparse_create(30, 50, 30 * 5));
-    for (std::uint32_t i = 0; i < 150; ++i) {
-        matrix->col_idx[i] = i % 5 * 10 + random.below(10);
+    const ModelPtr model = random_model({kUsers, kItems, dim, false}, random);
+    std::vector<std::uint32_t> starts = {0};
+    for (std::uint32_t user = 0; user < kUsers; ++user)
+        starts.push_back(starts.back() + 1 + user * 37 % 96);
+    const SparsePtr matrix(zx_sparse_create(kUsers, kItems, starts.back()));
+    std::copy(starts.begin(), starts.end(), matrix->row_ptr);
+    for (std::uint32_t i = 0; i < starts.back(); ++i) {
+        matrix->col_idx[i] = random.below(kItems);
         matrix->values[i] = static_cast<float>(random.between(0.5, 3.0));
     }
-    for (std::uint32_t row = 0; row <= 30; ++row) matrix->row_ptr[row] = 5 * row;
     EXPECT_EQ(zx_model_train_als_epoch(model.get(), matrix.get(), 1, 2.0f, 0.5f), ZX_OK);
     return contents(model.get());
 }
 
 TEST_F(EveryVariant, SolvesAlike) {
-    for (const std::uint32_t dim : {1u, 5u, 15u, 16u, 33u, 64u}) {
+    for (const std::uint32_t dim : {1u, 5u, 15u, 16u, 33u, 64u, 80u, 130u}) {
         simd::use(simd::Variant::kScalar);
         const ModelContents scalar = after_als(dim);
         std::vector<ModelContents> fused;
