@@ -124,7 +124,10 @@ zx_status_t zx_tensor_set_2d(zx_tensor_t* tensor, uint32_t row, uint32_t col, fl
 
 float* zx_tensor_row_ptr(const zx_tensor_t* tensor, uint32_t row) {
     if (!has_rows(tensor) || row >= tensor->dims[0]) return nullptr;
-    return tensor->data + std::uint64_t{row} * tensor->dims[1];
+    // A caller's extents may promise rows beyond any memory, so the address is a number first.
+    const std::uint64_t offset = std::uint64_t{row} * tensor->dims[1] * sizeof(float);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
+    return reinterpret_cast<float*>(reinterpret_cast<std::uintptr_t>(tensor->data) + offset);
 }
 
 float* zx_tensor_data(const zx_tensor_t* tensor) {

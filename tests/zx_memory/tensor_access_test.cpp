@@ -97,6 +97,19 @@ TEST_F(TensorAccess, HasNoElementsWhenAnExtentIsZero) {
     EXPECT_EQ(number, 3.0f);
 }
 
+// Extents whose product wraps to 0 make a tensor without elements, whose rows are addresses that
+// nobody may follow.
+TEST_F(TensorAccess, WorksOutTheRowsOfExtentsThatWrap) {
+    float number = 3.0f;
+    const std::uint32_t dims[4] = {UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX};
+    const TensorPtr tensor(zx_tensor_wrap(&number, 4, dims));
+    ASSERT_NE(tensor, nullptr);
+    const std::uint32_t row = 548159546;
+    const std::uint64_t offset = std::uint64_t{row} * UINT32_MAX * sizeof(float);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(zx_tensor_row_ptr(tensor.get(), row)),
+              reinterpret_cast<std::uintptr_t>(&number) + offset);
+}
+
 TEST_F(TensorAccess, IndexesWrapAt32Bits) {
     float numbers[3] = {10.0f, 11.0f, 12.0f};
     const std::uint32_t dims[2] = {65537, 65536};
