@@ -7,11 +7,24 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <sys/mman.h>
 
 namespace {
 
 constexpr std::size_t kAlignment = 128;
 constexpr std::uint64_t kMaxBytes = INT64_MAX;
+
+// Asks for large pages where a block that is about to be touched as a whole has room for some: the
+// first touch then takes a fraction of the time. Blocks that may stay untouched are left alone.
+void ask_for_large_pages(void* block, std::uint64_t size) {
+    constexpr std::uint64_t kLargePage = std::uint64_t{2} << 20;
+    if (size < 2 * kLargePage) return;
+    void* first = block;
+    std::size_t space = size;
+    if (std::align(kLargePage, kLargePage, first, space))
+        (void)madvise(first, space / kLargePage * kLargePage, MADV_HUGEPAGE);
+}
 
 }  // namespace
 
@@ -24,7 +37,9 @@ void* zx_malloc_aligned(uint64_t size) {
 void* zx_calloc_aligned(uint64_t count, uint64_t size) {
     if (count == 0 || size == 0 || count > kMaxBytes / size) return nullptr;
     void* const block = zx_malloc_aligned(count * size);
-    if (block) std::memset(block, 0, count * size);
+    if (!block) return nullptr;
+    ask_for_large_pages(block, count * size);
+    std::memset(block, 0, count * size);
     return block;
 }
 
