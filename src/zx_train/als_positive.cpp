@@ -198,7 +198,7 @@ void PositiveSystems::whiten(const FixedSide& fixed) {
         for (std::uint64_t i = 0; i < padded(count); ++i)
             rows_[i] = i < count ? fixed.table + (first + i) * d_ : zeros_;
         ops.transpose(rows_.get(), padded(count), d_, columns_, kBatchRows);
-        std::fill_n(columns_ + d_ * kBatchRows, (stride_ - d_) * kBatchRows, 0.0f);
+        std::fill_n(columns_ + std::uint64_t{d_} * kBatchRows, (stride_ - d_) * kBatchRows, 0.0f);
         multiply(columns_, kBatchRows, transform_, stride_, padded(count), true,
                  table_ + first * stride_);
     }
