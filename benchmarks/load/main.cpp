@@ -152,14 +152,17 @@ void load(const std::string& path, LoadTimes& best) {
     zxtool::InteractionFile file;
     zxtool::Dataset dataset;
     zxtool::SparsePtr matrix;
-    const double read = seconds_of([&] { file = zxtool::read_interactions(path, {}); });
+    const zxtool::Preparation preparation;
+    zxtool::ReadOptions options;
+    zxtool::leave_out_unused(preparation, options);
+    const double read = seconds_of([&] { file = zxtool::read_interactions(path, options); });
     best.lines = file.lines;
     best.rows = file.rows.size();
     const double prepare =
-        seconds_of([&] { dataset = zxtool::prepare(std::move(file), zxtool::Preparation{}); });
+        seconds_of([&] { dataset = zxtool::prepare(std::move(file), preparation); });
     const double make = seconds_of([&] {
         matrix = zxtool::make_csr(dataset.users.size(), dataset.items.size(), dataset.train_users,
-                                  dataset.train_items, &dataset.train_strengths);
+                                  dataset.train_items, dataset.train_strengths);
     });
     best.read = std::min(best.read, read);
     best.prepare = std::min(best.prepare, prepare);

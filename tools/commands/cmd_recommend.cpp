@@ -19,8 +19,9 @@ namespace zxtool {
 namespace {
 
 constexpr std::size_t kUsersPerBlock = 64;
-// Answers are held until the users before them are written: this many blocks at a time.
-constexpr std::size_t kBlocksPerRound = 64;
+// Answers are held until the users before them are written: so many blocks at a time that threads
+// wait little for the last of a round.
+constexpr std::size_t kBlocksPerThread = 64;
 
 struct RecommendOptions {
     std::string model;
@@ -43,9 +44,17 @@ using Render = std::function<void(std::uint32_t user, const Best& best, std::str
 Render csv_renderer(const StoredModel& stored) {
     return [&stored](std::uint32_t user, const Best& best, std::string& out) {
         const std::string id = csv_field(stored.users.name(user));
-        for (std::size_t i = 0; i < best.size(); ++i)
-            fmt::format_to(std::back_inserter(out), "{},{},{},{}\n", id, i + 1,
-                           csv_field(stored.items.name(best[i].item)), shortest(best[i].score));
+        for (std::size_t i = 0; i < best.size(); ++i) {
+            const fmt::format_int rank(i + 1);
+            out += id;
+            out += ',';
+            out.append(rank.data(), rank.size());
+            out += ',';
+            append_csv_field(out, stored.items.name(best[i].item));
+            out += ',';
+            append_shortest(out, best[i].score);
+            out += '\n';
+        }
     };
 }
 
@@ -73,30 +82,44 @@ Render table_renderer(const StoredModel& stored, bool colours) {
     };
 }
 
-// Answers for the users, in their order, by as many threads as wanted.
+// Answers for the users, in their order, by as many threads as wanted. While a round of answers is
+// found, one of the threads first writes those of the round before.
 void write_answers(const StoredModel& stored, const std::vector<std::uint32_t>& users,
                    const ItemLists& excluded, const RecommendOptions& options, Device* device,
                    const Render& render, Output& output, Progress& progress) {
     const unsigned num_threads = threads_to_use(options.threads);
     std::vector<std::optional<Recommender>> recommenders(num_threads);
-    std::vector<std::string> texts(kBlocksPerRound);
-    constexpr std::size_t kRound = kUsersPerBlock * kBlocksPerRound;
-    for (std::size_t first = 0; first < users.size(); first += kRound) {
-        const std::size_t count = std::min(kRound, users.size() - first);
-        for_each_block(count, kUsersPerBlock, num_threads, [&](unsigned w, const Block& block) {
-            stop_if_interrupted();
-            if (!recommenders[w]) recommenders[w].emplace(*stored.model, excluded, device);
-            std::string& text = texts[block.index];
+    const std::size_t blocks_per_round = kBlocksPerThread * num_threads;
+    const std::size_t round = kUsersPerBlock * blocks_per_round;
+    std::vector<std::string> texts(blocks_per_round);
+    std::vector<std::string> finished(blocks_per_round);
+    const auto write_finished = [&] {
+        for (std::string& text : finished) {
+            output.write(text);
             text.clear();
-            for (std::size_t i = block.begin; i < block.end; ++i) {
-                const std::uint32_t user = users[first + i];
-                render(user, recommenders[w]->best(user, options.k), text);
-            }
+        }
+    };
+    for (std::size_t first = 0; first < users.size(); first += round) {
+        const std::size_t count = std::min(round, users.size() - first);
+        const auto answer = [&](unsigned w, std::size_t block) {
+            if (!recommenders[w]) recommenders[w].emplace(*stored.model, excluded, device);
+            const std::size_t begin = first + block * kUsersPerBlock;
+            const std::size_t end = std::min(begin + kUsersPerBlock, first + count);
+            for (std::size_t i = begin; i < end; ++i)
+                render(users[i], recommenders[w]->best(users[i], options.k), texts[block]);
+        };
+        const std::size_t tasks = 1 + block_count(count, kUsersPerBlock);
+        for_each_block(tasks, 1, num_threads, [&](unsigned w, const Block& task) {
+            stop_if_interrupted();
+            if (task.index == 0)
+                write_finished();
+            else
+                answer(w, task.index - 1);
         });
-        for (std::size_t block = 0; block < block_count(count, kUsersPerBlock); ++block)
-            output.write(texts[block]);
+        std::swap(texts, finished);
         progress.advance(count);
     }
+    write_finished();
 }
 
 void recommend(const RecommendOptions& options, const GlobalOptions& global) {

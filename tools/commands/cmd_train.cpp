@@ -67,7 +67,7 @@ class SplitWriter {
         : data_(data), file_(path), rated_(rated) {
         file_.write(rated ? "user,item,rating\n" : "user,item\n");
     }
-    void add(std::uint32_t user, std::uint32_t item, float strength) {
+    void add(std::uint32_t user, std::uint32_t item, float strength = 1.0f) {
         line_ = csv_field(data_.users.name(user));
         line_ += ',';
         line_ += csv_field(data_.items.name(item));
@@ -88,12 +88,13 @@ void write_split(const Dataset& data, const TrainCommand& options) {
     if (!options.write_train.empty()) {
         SplitWriter writer(data, options.write_train, options.preparation.weighted);
         for (std::size_t i = 0; i < data.train_users.size(); ++i)
-            writer.add(data.train_users[i], data.train_items[i], data.train_strengths[i]);
+            writer.add(data.train_users[i], data.train_items[i],
+                       options.preparation.weighted ? data.train_strengths[i] : 1.0f);
         writer.close();
     }
     if (!options.write_test.empty()) {
         SplitWriter writer(data, options.write_test, false);
-        for (const auto& [user, item] : data.test) writer.add(user, item, 1.0f);
+        for (const auto& [user, item] : data.test) writer.add(user, item);
         writer.close();
     }
 }
@@ -271,6 +272,7 @@ void settle_options(const CLI::App& command, TrainCommand& options) {
     options.trainer.regularization = options.regularization.value_or(kBprRegularization);
     options.preparation.holdout = parse_holdout(options.holdout);
     options.preparation.seed = options.trainer.seed;
+    leave_out_unused(options.preparation, options.read);
 }
 
 void add_data_options(CLI::App& command, TrainCommand& options) {

@@ -34,8 +34,12 @@ StoredModel open_model(const std::string& path, const Console& console) {
 Interactions read_in_model_ids(const std::string& path, const ReadOptions& options,
                                const StoredModel& stored, bool skip_unknown,
                                const Console& console) {
+    ReadOptions pairs_only = options;
+    pairs_only.wants_ratings = false;
+    pairs_only.wants_timestamps = false;
     UnknownIds unknown;
-    Interactions rows = read_known_interactions(path, options, stored.users, stored.items, unknown);
+    Interactions rows =
+        read_known_interactions(path, pairs_only, stored.users, stored.items, unknown);
     settle_unknown(unknown, path, skip_unknown, console);
     console.detail(fmt::format("{}: {} rows", path, rows.size()));
     return rows;

@@ -15,8 +15,9 @@ namespace zxtool {
 // Loads a model that can rank: one with numbers that are not finite is refused as a bad model.
 StoredModel open_model(const std::string& path, const Console& console);
 
-// Reads interactions in the model's ids. Rows with unknown ids are an Error(kBadInput) that names
-// and counts them, unless `skip_unknown`; then they are counted on the console.
+// Reads interactions in the model's ids, without their ratings and timestamps, which are checked
+// all the same. Rows with unknown ids are an Error(kBadInput) that names and counts them, unless
+// `skip_unknown`; then they are counted on the console.
 Interactions read_in_model_ids(const std::string& path, const ReadOptions& options,
                                const StoredModel& stored, bool skip_unknown,
                                const Console& console);

@@ -57,9 +57,15 @@ bool Output::colours() const {
 }
 
 std::string shortest(float value) {
+    std::string text;
+    append_shortest(text, value);
+    return text;
+}
+
+void append_shortest(std::string& out, float value) {
     std::array<char, 32> text;  // the longest float takes 15 characters
     const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
-    return {text.data(), end};
+    out.append(text.data(), end);
 }
 
 Json json_number(float value) {
@@ -71,17 +77,26 @@ Json json_number(float value) {
 }
 
 std::string csv_field(std::string_view field) {
+    std::string text;
+    append_csv_field(text, field);
+    return text;
+}
+
+void append_csv_field(std::string& out, std::string_view field) {
     constexpr std::string_view kWhite = " \t";
     const bool quoted = field.empty() || field.find_first_of(",\"\r\n") != std::string_view::npos ||
                         kWhite.find(field.front()) != std::string_view::npos ||
                         kWhite.find(field.back()) != std::string_view::npos;
-    if (!quoted) return std::string(field);
-    std::string result = "\"";
-    for (const char c : field) {
-        if (c == '"') result += '"';
-        result += c;
+    if (!quoted) {
+        out += field;
+        return;
     }
-    return result + '"';
+    out += '"';
+    for (const char c : field) {
+        if (c == '"') out += '"';
+        out += c;
+    }
+    out += '"';
 }
 
 std::string json_text(const Json& value) {

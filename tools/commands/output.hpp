@@ -43,8 +43,10 @@ class Output {
     std::optional<AtomicFile> file_;
 };
 
-// The shortest decimal number that reads back as the same float.
+// The shortest decimal number that reads back as the same float. What appends makes no string of
+// its own: of long lists, making strings would take longer than finding what to list.
 std::string shortest(float value);
+void append_shortest(std::string& out, float value);
 
 // The same number for JSON, whose numbers are doubles; a value that is not finite becomes null.
 Json json_number(float value);
@@ -52,6 +54,7 @@ Json json_number(float value);
 // A field of a CSV line: in quotes, with quotes doubled, when it holds a comma, a quote or a line
 // break, begins or ends with white space, or is empty.
 std::string csv_field(std::string_view field);
+void append_csv_field(std::string& out, std::string_view field);
 
 // JSON as text on one line; bytes that are no UTF-8 become U+FFFD.
 std::string json_text(const Json& value);

@@ -34,7 +34,7 @@ class AlsEpochs : public Epochs {
     AlsEpochs(const Dataset& data, const TrainerOptions& options)
         : options_(options),
           interactions_(make_csr(data.users.size(), data.items.size(), data.train_users,
-                                 data.train_items, &data.train_strengths)) {}
+                                 data.train_items, data.train_strengths)) {}
 
     void run_one(zx_model_t& model, const Advance& advance) override {
         check(zx_model_train_als_epoch(&model, interactions_.get(), 1, options_.alpha,
@@ -57,7 +57,7 @@ class BprEpochs : public Epochs {
         : options_(options),
           device_(device),
           positives_(make_csr(data.users.size(), data.items.size(), data.train_users,
-                              data.train_items, nullptr)),
+                              data.train_items, {})),
           users_(options.batch),
           positive_items_(options.batch),
           negative_items_(options.batch) {
@@ -133,8 +133,10 @@ float learning_rate_at(const TrainerOptions& options, std::uint32_t epoch) {
 }
 
 float suitable_als_regularization(const Dataset& data, float alpha) {
-    const double strength =
-        std::accumulate(data.train_strengths.begin(), data.train_strengths.end(), 0.0);
+    const std::vector<float>& strengths = data.train_strengths;
+    const double strength = strengths.empty()
+                                ? static_cast<double>(data.train_users.size())
+                                : std::accumulate(strengths.begin(), strengths.end(), 0.0);
     const double mean = strength / std::sqrt(static_cast<double>(data.users.size()) *
                                              static_cast<double>(data.items.size()));
     const double suitable = std::round(10.0 * alpha * mean / 3.0) / 10.0;

@@ -123,26 +123,39 @@ void write_out(const PairTable& table, const std::vector<bool>& held_out,
     dataset.train_users.resize(num_train);
     dataset.train_items = std::move(rows.items);
     dataset.train_items.resize(num_train);
-    dataset.train_strengths = std::move(rows.ratings);
-    dataset.train_strengths.resize(num_train);
+    if (!table.strengths.empty()) {
+        dataset.train_strengths = std::move(rows.ratings);
+        dataset.train_strengths.resize(num_train);
+    }
 
-    std::size_t next = 0;
+    // Where the arrays are is looked up once: for all the compiler knows, writing a number could
+    // move them.
+    std::uint32_t* train_user = dataset.train_users.data();
+    std::uint32_t* train_item = dataset.train_items.data();
+    float* train_strength = dataset.train_strengths.data();
+    const bool has_held_out = !held_out.empty();
+    const bool has_strengths = !table.strengths.empty();
     for (std::size_t user = 0; user + 1 < table.starts.size(); ++user) {
-        for (std::size_t i = table.starts[user]; i < table.starts[user + 1]; ++i) {
+        const std::size_t end = table.starts[user + 1];
+        for (std::size_t i = table.starts[user]; i < end; ++i) {
             const std::uint32_t item = item_numbers[table.entries[i].item()];
-            if (!held_out.empty() && held_out[i]) {
+            if (has_held_out && held_out[i]) {
                 dataset.test.emplace_back(user_numbers[user], item);
                 continue;
             }
-            dataset.train_users[next] = user_numbers[user];
-            dataset.train_items[next] = item;
-            dataset.train_strengths[next] = table.strengths.empty() ? 1.0F : table.strengths[i];
-            ++next;
+            *train_user++ = user_numbers[user];
+            *train_item++ = item;
+            if (has_strengths) *train_strength++ = table.strengths[i];
         }
     }
 }
 
 }  // namespace
+
+void leave_out_unused(const Preparation& preparation, ReadOptions& read) {
+    read.wants_ratings = preparation.weighted || preparation.min_rating.has_value();
+    read.wants_timestamps = preparation.holdout.kind == Holdout::Kind::kLeaveOneOut;
+}
 
 Dataset prepare(InteractionFile&& file, const Preparation& preparation) {
     InteractionFile taken = std::move(file);
@@ -177,7 +190,7 @@ Dataset prepare(InteractionFile&& file, const Preparation& preparation) {
 
 SparsePtr make_csr(std::uint32_t num_users, std::uint32_t num_items,
                    const std::vector<std::uint32_t>& users, const std::vector<std::uint32_t>& items,
-                   const std::vector<float>* strengths) {
+                   const std::vector<float>& strengths) {
     if (users.empty()) throw Error(Exit::kBadInput, "there are no pairs to learn from");
     if (users.size() > kMaxRows)
         throw Error(Exit::kBadInput,
@@ -195,10 +208,10 @@ SparsePtr make_csr(std::uint32_t num_users, std::uint32_t num_items,
     for (std::uint32_t user = 0; user < num_users; ++user)
         matrix->row_ptr[user + 1] += matrix->row_ptr[user];
     std::copy(items.begin(), items.end(), matrix->col_idx);
-    if (strengths != nullptr)
-        std::copy(strengths->begin(), strengths->end(), matrix->values);
-    else
+    if (strengths.empty())
         std::fill_n(matrix->values, users.size(), 1.0F);
+    else
+        std::copy(strengths.begin(), strengths.end(), matrix->values);
     if (zx_sparse_validate(matrix.get()) != ZX_OK)
         throw Error(Exit::kFailure, "the pairs are not in order");
     return matrix;

@@ -26,6 +26,9 @@ struct Preparation {
     std::uint64_t seed = 0;
 };
 
+// Leaves the columns of a file out that such a preparation has no use for.
+void leave_out_unused(const Preparation& preparation, ReadOptions& read);
+
 using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // (user, item)
 
 struct Dataset {
@@ -34,9 +37,9 @@ struct Dataset {
     // One entry per training pair, sorted by user, then item; in parallel.
     std::vector<std::uint32_t> train_users;
     std::vector<std::uint32_t> train_items;
-    std::vector<float> train_strengths;
-    Pairs test;                   // held-out pairs, sorted by user, then item
-    std::uint64_t read_rows = 0;  // before any filter
+    std::vector<float> train_strengths;  // empty: all 1
+    Pairs test;                          // held-out pairs, sorted by user, then item
+    std::uint64_t read_rows = 0;         // before any filter
 };
 
 // Applies, in this order: the rating threshold, the merging of repeated pairs (the latest time
@@ -52,10 +55,10 @@ struct SparseRelease {
 };
 using SparsePtr = std::unique_ptr<zx_sparse_t, SparseRelease>;
 
-// A validated CSR matrix of pairs sorted by user, then item. `strengths` may be null: all 1. Throws
-// Error(kOutOfMemory), and Error(kBadInput) when there are no pairs or more than 2^32 - 1.
+// A validated CSR matrix of pairs sorted by user, then item. `strengths` may be empty: all 1.
+// Throws Error(kOutOfMemory), and Error(kBadInput) when there are no pairs or more than 2^32 - 1.
 SparsePtr make_csr(std::uint32_t num_users, std::uint32_t num_items,
                    const std::vector<std::uint32_t>& users, const std::vector<std::uint32_t>& items,
-                   const std::vector<float>* strengths);
+                   const std::vector<float>& strengths);
 
 }  // namespace zxtool

@@ -34,6 +34,9 @@ class Parser {
     [[noreturn]] void refuse(const char* what) const {
         throw Error(Exit::kBadModel, fmt::format("{}: {}", name_, what));
     }
+    [[nodiscard]] bool starts_with(std::string_view start) const {
+        return rest_.starts_with(start);
+    }
     std::string_view take(std::size_t count) {
         if (rest_.size() < count) refuse("ids file ends too early");
         const std::string_view bytes = rest_.substr(0, count);
@@ -61,6 +64,29 @@ class Parser {
     const std::string& name_;
 };
 
+void take_kind(Parser& parser) {
+    if (!parser.starts_with(kMagic)) parser.refuse("is no ids file");
+    parser.take(kMagic.size());
+    if (parser.take_number<std::uint32_t>() != kVersion)
+        parser.refuse("ids file is of a version that this program does not know");
+}
+
+struct Head {
+    std::uint32_t num_users;
+    std::uint32_t num_items;
+    ModelPrint model;
+};
+
+Head take_head(Parser& parser) {
+    Head head{};
+    head.num_users = parser.take_number<std::uint32_t>();
+    head.num_items = parser.take_number<std::uint32_t>();
+    parser.take_number<std::uint32_t>();
+    head.model.bytes = parser.take_number<std::uint64_t>();
+    head.model.hash = parser.take_number<std::uint64_t>();
+    return head;
+}
+
 bool is_intact(std::string_view contents, const std::string& name) {
     if (contents.size() < kHashBytes) return false;
     const std::size_t hashed = contents.size() - kHashBytes;
@@ -84,22 +110,22 @@ std::string format_ids(const ModelPrint& model, const IdMap& users, const IdMap&
     return out;
 }
 
+ModelPrint parse_ids_head(std::string_view start, const std::string& name) {
+    Parser parser(start, name);
+    take_kind(parser);
+    return take_head(parser).model;
+}
+
 IdsFile parse_ids(std::string_view contents, const std::string& name) {
     Parser parser(contents, name);
-    if (!contents.starts_with(kMagic)) parser.refuse("is no ids file");
-    parser.take(kMagic.size());
-    if (parser.take_number<std::uint32_t>() != kVersion)
-        parser.refuse("ids file is of a version that this program does not know");
+    take_kind(parser);
     if (!is_intact(contents, name)) parser.refuse("ids file is damaged");
 
+    const Head head = take_head(parser);
     IdsFile ids;
-    const auto num_users = parser.take_number<std::uint32_t>();
-    const auto num_items = parser.take_number<std::uint32_t>();
-    parser.take_number<std::uint32_t>();
-    ids.model.bytes = parser.take_number<std::uint64_t>();
-    ids.model.hash = parser.take_number<std::uint64_t>();
-    parser.take_ids(num_users, ids.users);
-    parser.take_ids(num_items, ids.items);
+    ids.model = head.model;
+    parser.take_ids(head.num_users, ids.users);
+    parser.take_ids(head.num_items, ids.items);
     if (parser.left() != kHashBytes) parser.refuse("ids file does not end behind its ids");
     return ids;
 }

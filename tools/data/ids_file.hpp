@@ -10,11 +10,13 @@
 //         32   u64      XXH3 hash (64 bits, seed 0) of the whole model file
 //         40            the ids of all users, then of all items: u32 length, then the bytes
 //       last   u64      XXH3 hash of everything before it
-// The last hash is checked first, so that a damaged file is refused before anything in it is used.
+// Of a whole file the last hash is checked first, so that a damaged one is refused before its ids
+// are used. Whose ids they are is in the first bytes, so that others are not read at all.
 #pragma once
 
 #include "id_map.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -36,6 +38,13 @@ struct IdsFile {
 
 // The contents of an ids file.
 std::string format_ids(const ModelPrint& model, const IdMap& users, const IdMap& items);
+
+// The bytes in front of the ids.
+inline constexpr std::size_t kIdsHeadBytes = 40;
+
+// The model that an ids file says it belongs to, from the first kIdsHeadBytes of its contents, any
+// bytes. `name` is for the messages. Throws Error(kBadModel).
+ModelPrint parse_ids_head(std::string_view start, const std::string& name);
 
 // Parses the contents of an ids file, any bytes. `name` is for the messages. Throws
 // Error(kBadModel).

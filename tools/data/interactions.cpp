@@ -54,7 +54,7 @@ void read_rows(LineReader& reader, const std::string& path, const ReadOptions& o
 InteractionFile read_interactions(const std::string& path, const ReadOptions& options) {
     InteractionFile file;
     LineReader reader(path, options.on_block);
-    RowSink sink(file.rows, file.users, file.items);
+    RowSink sink(file.rows, file.users, file.items, options);
     read_rows(reader, path, options, sink);
     if (file.rows.size() == 0)
         reader.refuse_input("has no interactions, expected lines such as user,item,rating");
@@ -67,7 +67,7 @@ Interactions read_known_interactions(const std::string& path, const ReadOptions&
                                      const IdMap& users, const IdMap& items, UnknownIds& unknown) {
     Interactions rows;
     LineReader reader(path, options.on_block);
-    RowSink sink(rows, users, items, unknown);
+    RowSink sink(rows, users, items, unknown, options);
     read_rows(reader, path, options, sink);
     return rows;
 }

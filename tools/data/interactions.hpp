@@ -29,9 +29,13 @@ struct ReadOptions {
     // Called with the bytes read so far, decompressed, whenever a block has been read or a signal
     // has arrived; may be empty. What it throws ends the reading.
     std::function<void(std::uint64_t bytes)> on_block = {};
+    // A column that is not wanted is checked like the others, but not kept.
+    bool wants_ratings = true;
+    bool wants_timestamps = true;
 };
 
-// Rows in file order. ratings and timestamps are empty when the file has no such column.
+// Rows in file order. ratings and timestamps are empty when the file has no such column, or when it
+// is not wanted.
 struct Interactions {
     std::vector<std::uint32_t> users;
     std::vector<std::uint32_t> items;

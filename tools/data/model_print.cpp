@@ -44,12 +44,6 @@ ContainerHeader header_of(const RegularFile& file) {
 
 }  // namespace
 
-std::optional<std::string> read_whole_file(const std::string& path) {
-    const std::optional<RegularFile> file = RegularFile::find(path);
-    if (!file) return std::nullopt;
-    return file->start(file->size());
-}
-
 ModelPrint print_of(const std::string& path) {
     const RegularFile file(path);
     const std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(),

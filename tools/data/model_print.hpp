@@ -4,13 +4,9 @@
 #include "ids_file.hpp"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 namespace zxtool {
-
-// The whole contents of a file; nothing when there is no such file. Throws Error(kInputOutput).
-std::optional<std::string> read_whole_file(const std::string& path);
 
 // The length and the hash of a model file. Throws Error(kInputOutput).
 ModelPrint print_of(const std::string& path);

@@ -5,6 +5,7 @@
 #include "ids_file.hpp"
 #include "model_check.hpp"
 #include "model_print.hpp"
+#include "regular_file.hpp"
 
 #include <cerrno>
 #include <cstdint>
@@ -47,11 +48,14 @@ std::string pending(const std::string& ids_path) {
 // to `refusal`, nothing if there is no such file.
 std::optional<IdsFile> try_ids(const std::string& path, const std::string& model_path,
                                const ModelPrint& model, std::optional<Error>& refusal) {
-    const std::optional<std::string> contents = read_whole_file(path);
-    if (!contents) return std::nullopt;
+    const std::optional<RegularFile> file = RegularFile::find(path);
+    if (!file) return std::nullopt;
     try {
-        IdsFile ids = parse_ids(*contents, path);
-        if (ids.model == model) return ids;
+        if (parse_ids_head(file->start(kIdsHeadBytes), path) == model) {
+            IdsFile ids = parse_ids(file->start(file->size()), path);
+            // Another process may have written the file meanwhile.
+            if (ids.model == model) return ids;
+        }
         refusal = Error(Exit::kBadModel,
                         fmt::format("{}: does not belong to {}, expected the ids saved with it",
                                     path, model_path));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <fmt/format.h>
 #include <numeric>
@@ -14,41 +15,118 @@ namespace zxtool {
 
 namespace {
 
-// Groups the rows by user, in file order within each: a counting sort.
-PairTable group_by_user(const Interactions& rows, std::uint32_t num_users) {
-    PairTable table;
-    table.starts.assign(std::size_t{num_users} + 1, 0);
-    for (const std::uint32_t user : rows.users) ++table.starts[user];
-    std::exclusive_scan(table.starts.begin(), table.starts.end(), table.starts.begin(),
-                        std::size_t{0});
-
-    reserve_large(table.entries, rows.size());
-    table.entries.resize(rows.size());
-    std::vector<std::size_t> next(table.starts.begin(), table.starts.end() - 1);
-    for (std::size_t row = 0; row < rows.size(); ++row)
-        table.entries[next[rows.users[row]]++] =
-            PairEntry(rows.items[row], static_cast<std::uint32_t>(row));
-    return table;
-}
-
-// Sorts the entries of one user, which are in the order of their rows already, by item: a radix
-// sort for many, as it takes a fixed time for each.
-class EntrySorter {
+// The order of the pairs is that of a number which has the user in its upper and the item in its
+// lower bits. Rows are first put into buckets by the upper bits of that number, few enough to be
+// written to side by side; a bucket's rows are then sorted by the lower bits, the key, while they
+// are in the cache. Users that are scattered over the file thus cost little more than users whose
+// rows stand together.
+class Buckets {
   public:
-    explicit EntrySorter(std::uint32_t num_items) {
-        while (num_items > std::uint64_t{1} << (kDigitBits * num_digits_)) ++num_digits_;
+    Buckets(std::uint32_t num_users, std::uint32_t num_items)
+        : item_bits_(bits_for(num_items)),
+          user_bits_(std::min(std::max(bits_for(num_users), kBucketBits) - kBucketBits,
+                              kKeyBits - item_bits_)),
+          num_users_(num_users) {}
+
+    [[nodiscard]] std::uint32_t count() const { return bucket_of(num_users_ - 1) + 1; }
+    [[nodiscard]] std::uint32_t bucket_of(std::uint32_t user) const {
+        return static_cast<std::uint32_t>(std::uint64_t{user} >> user_bits_);
+    }
+    [[nodiscard]] std::uint32_t first_user(std::uint32_t bucket) const {
+        return bucket << user_bits_;
+    }
+    [[nodiscard]] std::uint32_t last_user(std::uint32_t bucket) const {
+        const std::uint64_t end = (std::uint64_t{bucket} + 1) << user_bits_;
+        return static_cast<std::uint32_t>(std::min<std::uint64_t>(end, num_users_) - 1);
+    }
+    // Of the key's bits, as many as may be set.
+    [[nodiscard]] std::uint32_t key_bits() const { return user_bits_ + item_bits_; }
+    [[nodiscard]] std::uint32_t key_of(std::uint32_t user, std::uint32_t item) const {
+        const std::uint64_t low_user = user & ((std::uint64_t{1} << user_bits_) - 1);
+        return static_cast<std::uint32_t>(low_user << item_bits_ | item);
+    }
+    [[nodiscard]] std::uint32_t item_of(std::uint32_t key) const {
+        return static_cast<std::uint32_t>(key & ((std::uint64_t{1} << item_bits_) - 1));
     }
 
-    void sort(PairEntry* entries, std::size_t count) {
+  private:
+    // So many buckets have their ends in the first-level cache while they are filled.
+    static constexpr std::uint32_t kBucketBits = 9;
+    static constexpr std::uint32_t kKeyBits = 32;
+
+    static std::uint32_t bits_for(std::uint32_t count) {
+        return static_cast<std::uint32_t>(std::bit_width(count - 1));
+    }
+
+    std::uint32_t item_bits_;
+    std::uint32_t user_bits_;  // of a user's number, those in the key
+    std::uint32_t num_users_;
+};
+
+// Where each bucket begins among rows whose users never descend, and, last, where the last ends.
+std::vector<std::size_t> find_buckets(const std::vector<std::uint32_t>& users,
+                                      const Buckets& buckets) {
+    std::vector<std::size_t> starts = {0};
+    for (std::uint32_t bucket = 0; bucket < buckets.count(); ++bucket) {
+        const auto end = std::upper_bound(users.begin(), users.end(), buckets.last_user(bucket));
+        starts.push_back(static_cast<std::size_t>(end - users.begin()));
+    }
+    return starts;
+}
+
+// The same for rows in any order, if they were sorted by bucket.
+std::vector<std::size_t> count_buckets(const std::vector<std::uint32_t>& users,
+                                       const Buckets& buckets) {
+    std::vector<std::size_t> starts(std::size_t{buckets.count()} + 1, 0);
+    for (const std::uint32_t user : users) ++starts[buckets.bucket_of(user)];
+    std::exclusive_scan(starts.begin(), starts.end(), starts.begin(), std::size_t{0});
+    return starts;
+}
+
+// Makes the entries, with keys in place of items: bucket after bucket, in file order within each.
+// Returns where each bucket begins and, last, where the last one ends.
+std::vector<std::size_t> fill_buckets(const Interactions& rows, const Buckets& buckets,
+                                      std::vector<PairEntry>& entries) {
+    reserve_large(entries, rows.size());
+    entries.resize(rows.size());
+    const auto entry_of = [&](std::size_t row) {
+        return PairEntry(buckets.key_of(rows.users[row], rows.items[row]),
+                         static_cast<std::uint32_t>(row));
+    };
+    // Users are numbered as they appear, so a file that has each user's rows together, as most
+    // have, is in the order of the buckets.
+    if (std::is_sorted(rows.users.begin(), rows.users.end())) {
+        for (std::size_t row = 0; row < rows.size(); ++row) entries[row] = entry_of(row);
+        return find_buckets(rows.users, buckets);
+    }
+    std::vector<std::size_t> starts = count_buckets(rows.users, buckets);
+    std::vector<std::size_t> next(starts.begin(), starts.end() - 1);
+    for (std::size_t row = 0; row < rows.size(); ++row)
+        entries[next[buckets.bucket_of(rows.users[row])]++] = entry_of(row);
+    return starts;
+}
+
+// Sorts entries with keys, which are in the order of their rows already, by key: a radix sort for
+// many, as it takes a fixed time for each.
+class EntrySorter {
+  public:
+    explicit EntrySorter(std::uint32_t key_bits) : key_bits_(key_bits) {}
+
+    // The sorted entries are either where they were or in the sorter's own scratch, valid until the
+    // next call.
+    const PairEntry* sort(PairEntry* entries, std::size_t count) {
         if (count < kFewEntries) {
             std::sort(entries, entries + count);
-            return;
+            return entries;
         }
         scratch_.resize(std::max(scratch_.size(), count));
-        for (std::uint32_t digit = 0; digit < num_digits_; ++digit) {
-            sort_by_digit(entries, scratch_.data(), count, kDigitBits * digit);
-            std::copy_n(scratch_.data(), count, entries);
+        PairEntry* from = entries;
+        PairEntry* to = scratch_.data();
+        for (std::uint32_t shift = 0; shift < key_bits_; shift += kDigitBits) {
+            sort_by_digit(from, to, count, shift);
+            std::swap(from, to);
         }
+        return from;
     }
 
   private:
@@ -58,16 +136,16 @@ class EntrySorter {
     // Entries with the same digit stay in their order.
     static void sort_by_digit(const PairEntry* from, PairEntry* to, std::size_t count,
                               std::uint32_t shift) {
-        std::array<std::uint32_t, (1U << kDigitBits)> next{};
+        std::array<std::size_t, (1U << kDigitBits)> next{};
         const auto digit_of = [shift](const PairEntry& entry) {
             return (entry.item() >> shift) & ((1U << kDigitBits) - 1);
         };
         for (std::size_t i = 0; i < count; ++i) ++next[digit_of(from[i])];
-        std::exclusive_scan(next.begin(), next.end(), next.begin(), 0U);
+        std::exclusive_scan(next.begin(), next.end(), next.begin(), std::size_t{0});
         for (std::size_t i = 0; i < count; ++i) to[next[digit_of(from[i])]++] = from[i];
     }
 
-    std::uint32_t num_digits_ = 1;
+    std::uint32_t key_bits_;
     std::vector<PairEntry> scratch_;
 };
 
@@ -102,29 +180,38 @@ float checked_strength(double sum, std::string_view user, std::string_view item)
 
 PairTable make_pairs(const Interactions& rows, const IdMap& users, const IdMap& items,
                      bool weighted) {
-    PairTable table = group_by_user(rows, users.size());
+    PairTable table;
+    table.starts.reserve(std::size_t{users.size()} + 1);
+    if (rows.size() == 0) {
+        table.starts.assign(std::size_t{users.size()} + 1, 0);
+        return table;
+    }
+    const Buckets buckets(users.size(), items.size());
+    const std::vector<std::size_t> bucket_starts = fill_buckets(rows, buckets, table.entries);
     if (weighted) reserve_large(table.strengths, table.entries.size());
-    PairEntry* const entries = table.entries.data();
-    EntrySorter sorter(items.size());
+    EntrySorter sorter(buckets.key_bits());
     std::size_t kept = 0;
-    std::size_t begin = 0;
-    for (std::uint32_t user = 0; user < users.size(); ++user) {
-        const std::size_t end = table.starts[user + 1];
-        table.starts[user] = kept;
-        sorter.sort(entries + begin, end - begin);
-        while (begin < end) {
-            std::size_t next = begin + 1;
-            while (next < end && entries[next].item() == entries[begin].item()) ++next;
-            if (weighted) {
-                const double sum = summed_strength(entries + begin, entries + next, rows);
-                table.strengths.push_back(
-                    checked_strength(sum, users.name(user), items.name(entries[begin].item())));
+    for (std::uint32_t bucket = 0; bucket < buckets.count(); ++bucket) {
+        const std::size_t count = bucket_starts[bucket + 1] - bucket_starts[bucket];
+        const PairEntry* begin = sorter.sort(table.entries.data() + bucket_starts[bucket], count);
+        const PairEntry* const end = begin + count;
+        for (std::uint32_t user = buckets.first_user(bucket); user <= buckets.last_user(bucket);
+             ++user) {
+            table.starts.push_back(kept);
+            const std::uint32_t last_key = buckets.key_of(user, items.size() - 1);
+            while (begin != end && begin->item() <= last_key) {
+                const PairEntry* next = begin + 1;
+                while (next != end && next->item() == begin->item()) ++next;
+                const std::uint32_t item = buckets.item_of(begin->item());
+                if (weighted)
+                    table.strengths.push_back(checked_strength(summed_strength(begin, next, rows),
+                                                               users.name(user), items.name(item)));
+                table.entries[kept++] = PairEntry(item, latest(begin, next, rows).row());
+                begin = next;
             }
-            entries[kept++] = latest(entries + begin, entries + next, rows);
-            begin = next;
         }
     }
-    table.starts[users.size()] = kept;
+    table.starts.push_back(kept);
     table.entries.resize(kept);
     return table;
 }

@@ -6,6 +6,7 @@
 #include "digits.hpp"
 #include "id_map.hpp"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -18,6 +19,25 @@ struct PlainRow {
     std::uint32_t item = 0;
     float rating = 0.0F;
     std::int64_t timestamp = 0;
+};
+
+// A number of them, column by column.
+struct PlainRows {
+    static constexpr std::size_t kMaxSize = 256;
+    std::array<std::uint32_t, kMaxSize> users;
+    std::array<std::uint32_t, kMaxSize> items;
+    std::array<float, kMaxSize> ratings;
+    std::array<std::int64_t, kMaxSize> timestamps;
+    std::size_t size = 0;
+
+    [[nodiscard]] bool is_full() const { return size == kMaxSize; }
+    void push(const PlainRow& row) {
+        users[size] = row.user;
+        items[size] = row.item;
+        ratings[size] = row.rating;
+        timestamps[size] = row.timestamp;
+        ++size;
+    }
 };
 
 class PlainRowParser {

@@ -4,16 +4,46 @@
 #include "quote.hpp"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <fmt/format.h>
 
 namespace zxtool {
 
-RowSink::RowSink(Interactions& rows, IdMap& users, IdMap& items)
-    : rows_(rows), users_(&users), items_(&items) {}
+namespace {
 
-RowSink::RowSink(Interactions& rows, const IdMap& users, const IdMap& items, UnknownIds& unknown)
-    : rows_(rows), known_users_(&users), known_items_(&items), unknown_(&unknown) {}
+template <class T, std::size_t kSize>
+void append_values(std::vector<T>& column, const std::array<T, kSize>& values, std::size_t count) {
+    column.insert(column.end(), values.data(), values.data() + count);
+}
+
+void append_numbers(std::vector<std::uint32_t>& column, IdMap& ids,
+                    const std::array<std::uint32_t, PlainRows::kMaxSize>& values,
+                    std::size_t count) {
+    const std::size_t size = column.size();
+    column.resize(size + count);
+    for (std::size_t i = 0; i < count; ++i) column[size + i] = ids.add_small(values[i]);
+}
+
+}  // namespace
+
+RowSink::RowSink(Interactions& rows, IdMap& users, IdMap& items, const ReadOptions& options)
+    : rows_(rows), users_(&users), items_(&items), options_(options) {}
+
+RowSink::RowSink(Interactions& rows, const IdMap& users, const IdMap& items, UnknownIds& unknown,
+                 const ReadOptions& options)
+    : rows_(rows),
+      known_users_(&users),
+      known_items_(&items),
+      unknown_(&unknown),
+      options_(options) {}
+
+void RowSink::add(const PlainRows& rows) {
+    append_numbers(rows_.users, *users_, rows.users, rows.size);
+    append_numbers(rows_.items, *items_, rows.items, rows.size);
+    if (keeps_ratings_) append_values(rows_.ratings, rows.ratings, rows.size);
+    if (keeps_timestamps_) append_values(rows_.timestamps, rows.timestamps, rows.size);
+}
 
 void RowSink::add_known(const LineReader& reader, const TextRow& row) {
     const auto user = known_users_->find(row.user);
@@ -48,8 +78,8 @@ void RowSink::reserve(const LineReader& reader) {
     try {
         reserve_large(rows_.users, expected);
         reserve_large(rows_.items, expected);
-        if (columns_ >= 3) reserve_large(rows_.ratings, expected);
-        if (columns_ >= 4) reserve_large(rows_.timestamps, expected);
+        if (keeps_ratings_) reserve_large(rows_.ratings, expected);
+        if (keeps_timestamps_) reserve_large(rows_.timestamps, expected);
     } catch (const std::exception&) {
         // The estimate may be far too high: a file may begin with its shortest lines. Without the
         // room the arrays grow step by step.

@@ -23,13 +23,19 @@ struct TextRow {
 
 class RowSink {
   public:
+    // Refers to all that it is given.
+    //
     // Numbers every id it meets.
-    RowSink(Interactions& rows, IdMap& users, IdMap& items);
+    RowSink(Interactions& rows, IdMap& users, IdMap& items, const ReadOptions& options);
     // Knows these ids and no others.
-    RowSink(Interactions& rows, const IdMap& users, const IdMap& items, UnknownIds& unknown);
+    RowSink(Interactions& rows, const IdMap& users, const IdMap& items, UnknownIds& unknown,
+            const ReadOptions& options);
 
     // Says how many columns the rows have: 2, or with ratings 3, or with timestamps too 4.
-    void set_columns(std::size_t columns) { columns_ = columns; }
+    void set_columns(std::size_t columns) {
+        keeps_ratings_ = columns >= 3 && options_.wants_ratings;
+        keeps_timestamps_ = columns >= 4 && options_.wants_timestamps;
+    }
 
     // Takes the row in the line that the reader handed out last. Throws Error(kBadInput) for an id
     // that no file of text has.
@@ -45,11 +51,7 @@ class RowSink {
 
     // Whether plain rows may be added: only where every id gets a number.
     [[nodiscard]] bool takes_plain_rows() const { return known_users_ == nullptr; }
-    void add(const PlainRow& row) {
-        const std::uint32_t user = users_->add_small(row.user);
-        const std::uint32_t item = items_->add_small(row.item);
-        append(user, item, row.rating, row.timestamp);
-    }
+    void add(const PlainRows& rows);
 
     // Makes room for as many rows as the file will have if the rest is like its beginning, so that
     // the arrays are not copied while they grow. Room that is never used costs no memory.
@@ -71,8 +73,8 @@ class RowSink {
     void append(std::uint32_t user, std::uint32_t item, float rating, std::int64_t timestamp) {
         rows_.users.push_back(user);
         rows_.items.push_back(item);
-        if (columns_ >= 3) rows_.ratings.push_back(rating);
-        if (columns_ >= 4) rows_.timestamps.push_back(timestamp);
+        if (keeps_ratings_) rows_.ratings.push_back(rating);
+        if (keeps_timestamps_) rows_.timestamps.push_back(timestamp);
     }
     void add_known(const LineReader& reader, const TextRow& row);
     static void check_new_id(std::string_view id, const char* column, const LineReader& reader);
@@ -85,7 +87,9 @@ class RowSink {
     UnknownIds* unknown_ = nullptr;
     IdMap unknown_users_;  // to count each once
     IdMap unknown_items_;
-    std::size_t columns_ = 2;
+    const ReadOptions& options_;
+    bool keeps_ratings_ = false;
+    bool keeps_timestamps_ = false;
     bool has_reserved_ = false;
 };
 

@@ -62,6 +62,24 @@ void add_row(const Fields& fields, const LineReader& reader, RowSink& sink) {
     sink.add(reader, row);
 }
 
+// The next line that is not plain. The plain rows in front of it are taken many at a time: their
+// ids are looked up side by side, so that the processor waits for many of them at once.
+bool next_line_not_plain(const PlainRowParser& plain, LineReader& reader, RowSink& sink,
+                         std::string_view& line) {
+    PlainRows rows;
+    PlainRow row;
+    bool has_line = false;
+    while ((has_line = reader.next(line)) && plain.parse(line, row)) {
+        rows.push(row);
+        if (!rows.is_full()) continue;
+        sink.add(rows);
+        sink.reserve_for_rest(reader);
+        rows.size = 0;
+    }
+    sink.add(rows);
+    return has_line;
+}
+
 template <class Splitter>
 void read_separated(Header header, LineReader& reader, RowSink& sink) {
     std::string_view line;
@@ -75,11 +93,8 @@ void read_separated(Header header, LineReader& reader, RowSink& sink) {
 
     sink.set_columns(columns);
     const PlainRowParser plain(Splitter::kSeparator, columns);
-    PlainRow row;
     do {
-        if (sink.takes_plain_rows() && plain.parse(line, row)) {
-            sink.add(row);
-        } else if (!is_blank_line(line)) {
+        if (!is_blank_line(line)) {
             Splitter::split(line, reader, fields);
             if (fields.count != columns)
                 reader.refuse(fmt::format("expected {} fields ({}), found {}", columns,
@@ -87,7 +102,8 @@ void read_separated(Header header, LineReader& reader, RowSink& sink) {
             add_row(fields, reader, sink);
         }
         sink.reserve_for_rest(reader);
-    } while (reader.next(line));
+    } while (sink.takes_plain_rows() ? next_line_not_plain(plain, reader, sink, line)
+                                     : reader.next(line));
 }
 
 }  // namespace

@@ -7,7 +7,7 @@ import struct
 
 import numpy
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 MODEL = Model([[1, 2, 3], [4, 5, 6]], [[7, 8, 9]], [0.5, -1], [3])
@@ -100,7 +100,7 @@ class Tensors(Convert):
                  "536", tensor_file(b"", (6,), RAW, offset=2**64 - 1))):
             with self.subTest(message=message):
                 self.write_bytes("t", contents)
-                self.fails(program.BAD_MODEL, f"t: {message}", "t", "--to", "npy", "out")
+                self.fails(tool.BAD_MODEL, f"t: {message}", "t", "--to", "npy", "out")
 
 
     def of_two_that_overlap(self):
@@ -114,24 +114,24 @@ class Raw(Convert):
         self.write_bytes("r.bin", RAW)
         for shape, text in (("5", "5"), ("7", "7"), ("2,2", "2x2"),
                             ("65536,65536,65536,65536", "65536x65536x65536x65536")):
-            self.fails(program.BAD_INPUT,
+            self.fails(tool.BAD_INPUT,
                        f"r.bin: is 24 bytes long, expected the length of {text} floats",
                        "r.bin", "--shape", shape, "--to", "npy", "out")
 
     def test_shapes_that_are_none_are_refused(self):
         self.write_bytes("r.bin", RAW)
         for shape in ("0", "6,", ",6", "a", "2x3", "-1", "2, 3", "4294967296"):
-            self.fails(program.USAGE, f'--shape: "{shape}" is no shape, expected whole numbers from '
+            self.fails(tool.USAGE, f'--shape: "{shape}" is no shape, expected whole numbers from '
                        "1 to 4294967295 such as 3,4", "r.bin", f"--shape={shape}", "--to", "npy",
                        "out")
-        self.fails(program.USAGE, '--shape: "" is no shape, expected whole numbers from 1 to '
+        self.fails(tool.USAGE, '--shape: "" is no shape, expected whole numbers from 1 to '
                    "4294967295 such as 3,4", "r.bin", "--shape", "", "--to", "npy", "out")
-        self.fails(program.USAGE, '--shape: "1,1,1,1,6" has 5 axes, expected at most 4',
+        self.fails(tool.USAGE, '--shape: "1,1,1,1,6" has 5 axes, expected at most 4',
                    "r.bin", "--shape", "1,1,1,1,6", "--to", "npy", "out")
 
     def test_floats_need_a_shape(self):
         self.write_bytes("r.bin", RAW)
-        self.fails(program.BAD_INPUT,
+        self.fails(tool.BAD_INPUT,
                    "r.bin: is no model or tensor file; raw floats need --shape",
                    "r.bin", "--to", "npy", "out")
 
@@ -159,18 +159,18 @@ class Models(Convert):
 
     def test_need_a_tensor_for_a_file_of_one(self):
         self.save("m.zxm", MODEL)
-        self.fails(program.USAGE, "a file of this format holds one tensor; --tensor says which of "
+        self.fails(tool.USAGE, "a file of this format holds one tensor; --tensor says which of "
                    "the model's, and zorvex export --to npy writes all of them",
                    "m.zxm", "--to", "npy", "out")
         self.save("plain.zxm", Model([[1]], [[2]]))
-        self.fails(program.BAD_INPUT, "plain.zxm: the model has no user_biases",
+        self.fails(tool.BAD_INPUT, "plain.zxm: the model has no user_biases",
                    "plain.zxm", "--to", "raw", "--tensor", "user_biases", "out")
 
     def test_options_of_other_sources_are_refused(self):
         self.write_bytes("t", tensor_file(b"", (6,), RAW))
-        self.fails(program.USAGE, "--tensor is for models; this is a file of one tensor",
+        self.fails(tool.USAGE, "--tensor is for models; this is a file of one tensor",
                    "t", "--to", "raw", "--tensor", "user_biases", "out")
-        self.fails(program.USAGE, "--shape is for raw floats and --tensor for models",
+        self.fails(tool.USAGE, "--shape is for raw floats and --tensor for models",
                    "t", "--to", "raw", "--tensor", "user_biases", "--shape", "6", "out")
 
 
@@ -182,31 +182,31 @@ class Failures(Convert):
             resource.setrlimit(resource.RLIMIT_FSIZE, (10, 10))
         # Ten bytes of an npy file say how long its header is, and those of a safetensors file too.
         for name, expected in (("raw", 24), ("npy", 152), ("safetensors", 96)):
-            self.fails(program.INPUT_OUTPUT,
+            self.fails(tool.INPUT_OUTPUT,
                        f"out: 10 bytes were written, expected {expected}",
                        "r.bin", "--shape", "6", "--to", name, "out", preexec_fn=ten_bytes)
 
     def test_of_a_source_that_is_no_file_do_not_wait(self):
         os.mkfifo(self.path("pipe"))
         message = "pipe: is no regular file, expected one that can be read at any place"
-        self.fails(program.INPUT_OUTPUT, message, "pipe", "--to", "raw", "out")
-        self.fails(program.INPUT_OUTPUT, message, "pipe", "--shape", "6", "--to", "raw", "out")
-        self.fails(program.INPUT_OUTPUT, "none: cannot be opened: No such file or directory",
+        self.fails(tool.INPUT_OUTPUT, message, "pipe", "--to", "raw", "out")
+        self.fails(tool.INPUT_OUTPUT, message, "pipe", "--shape", "6", "--to", "raw", "out")
+        self.fails(tool.INPUT_OUTPUT, "none: cannot be opened: No such file or directory",
                    "none", "--to", "raw", "out")
 
     def test_of_a_model_that_lacks_a_tensor(self):
         self.save("m.zxm", MODEL)
         whole = self.read_bytes("m.zxm")
         self.write_bytes("m.zxm", whole.replace(b"mf.user_embeddings", b"xx.user_embeddings"))
-        self.fails(program.BAD_MODEL, 'm.zxm: offset 152: a model has no tensor '
+        self.fails(tool.BAD_MODEL, 'm.zxm: offset 152: a model has no tensor '
                    '"xx.user_embeddings"', "m.zxm", "--to", "raw", "--tensor", "user_embeddings",
                    "out")
 
     def test_of_a_target_that_is_the_source(self):
         self.write_bytes("r.bin", RAW)
-        self.fails(program.USAGE, "r.bin: would overwrite the input",
+        self.fails(tool.USAGE, "r.bin: would overwrite the input",
                    "r.bin", "--shape", "6", "--to", "npy", "r.bin")
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

@@ -5,15 +5,15 @@ import os
 import random
 import signal
 
-import program
 import reference
+import tool
 from models import write_model
 
 KS = (1, 2, 3, 5, 8, 40)
 METRICS = ("hit_rate", "precision", "recall", "map", "ndcg")
 
 
-class EvaluateTest(program.ToolTest):
+class EvaluateTest(tool.Case):
     def report(self, *options, model="m.zxm", **how):
         output, _ = self.run_tool("evaluate", model, "--json", "-k", ",".join(map(str, KS)),
                                   *options, **how)
@@ -221,7 +221,7 @@ class UnknownIds(EvaluateTest):
 
     def test_are_named_and_counted(self):
         output, error = self.run_tool("evaluate", "m.zxm", "--test", "test.csv", "--train",
-                                      "data.csv", status=program.BAD_INPUT)
+                                      "data.csv", status=tool.BAD_INPUT)
         self.assertEqual((output, error), (
             "", 'zorvex: test.csv: the model does not know 2 users (first "zoe") and 2 items '
                 '(first "rum"); --skip-unknown leaves their rows out\n'))
@@ -241,7 +241,7 @@ class UnknownIds(EvaluateTest):
         self.write("train.csv", "ann,tea\nann,gin\n")
         self.write("test.csv", "ann,honey\n")
         command = ("evaluate", "m.zxm", "--test", "test.csv", "--train", "train.csv")
-        _, error = self.run_tool(*command, status=program.BAD_INPUT)
+        _, error = self.run_tool(*command, status=tool.BAD_INPUT)
         self.assertEqual(error, 'zorvex: train.csv: the model does not know 1 item (first "gin"); '
                                 '--skip-unknown leaves their rows out\n')
         _, error = self.run_tool(*command, "--skip-unknown")
@@ -251,7 +251,7 @@ class UnknownIds(EvaluateTest):
     def test_among_given_negatives(self):
         self.write("lists.txt", "ann honey gin tea\nzoe tea milk\nbob milk tea honey\n")
         command = ("evaluate", "m.zxm", "--negatives", "lists.txt", "-k", 1)
-        _, error = self.run_tool(*command, status=program.BAD_INPUT)
+        _, error = self.run_tool(*command, status=tool.BAD_INPUT)
         self.assertEqual(error.splitlines()[-1],
                          'zorvex: lists.txt: the model does not know 1 user (first "zoe") and 1 '
                          'item (first "gin"); --skip-unknown leaves their rows out')
@@ -264,7 +264,7 @@ class Refusal(EvaluateTest):
         super().setUp()
         write_model(self.path("m.zxm"), [[1.0], [2.0]], [[1.0], [2.0], [3.0]])
 
-    def refusal(self, *options, status=program.BAD_INPUT):
+    def refusal(self, *options, status=tool.BAD_INPUT):
         output, error = self.run_tool("evaluate", "m.zxm", *options, status=status)
         self.assertEqual(output, "")
         return error.splitlines()[-1]
@@ -288,7 +288,7 @@ class Refusal(EvaluateTest):
                          "zorvex: train.csv: no pair is left to test")
 
     def test_of_no_test_at_all(self):
-        self.assertEqual(self.refusal(status=program.USAGE),
+        self.assertEqual(self.refusal(status=tool.USAGE),
                          "zorvex: --test or --negatives is needed")
 
     def test_of_files_that_are_not_there(self):
@@ -296,7 +296,7 @@ class Refusal(EvaluateTest):
         for options in (("--test", "none.csv"), ("--test", "test.csv", "--train", "none.csv"),
                         ("--negatives", "none.csv")):
             with self.subTest(options=options):
-                self.assertEqual(self.refusal(*options, status=program.INPUT_OUTPUT),
+                self.assertEqual(self.refusal(*options, status=tool.INPUT_OUTPUT),
                                  "zorvex: none.csv: cannot be opened: No such file or directory")
 
 
@@ -314,9 +314,9 @@ class Interrupt(EvaluateTest):
             pipe.write("0,1\n")
         process.send_signal(signal.SIGINT)
         output, error = process.communicate(timeout=60)
-        self.assertEqual((process.returncode, output), (program.INTERRUPTED, ""))
+        self.assertEqual((process.returncode, output), (tool.INTERRUPTED, ""))
         self.assertEqual(error.splitlines()[-1], "zorvex: interrupted")
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

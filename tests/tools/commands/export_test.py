@@ -10,7 +10,7 @@ import struct
 import numpy
 
 import models
-import program
+import tool
 from model_cases import Model, ModelTest
 
 BIASED = Model([[1, 2, 3], [4, 5, 6]], [[0.5, -0.25, 8]] * 3 + [[0, 1, 0]], [0.1, -1], [3, 2, 1, 0])
@@ -86,13 +86,13 @@ class Npy(Export):
         longest = f"{deep}/" + "y" * (491 - len(deep) - 1)
         self.run_tool("export", "m.zxm", "--to", "npy", longest)
         self.assertEqual(self.files(longest), TABLES)
-        self.fails(program.USAGE, f"{longest}y: the path of a folder of npy files is 492 bytes "
+        self.fails(tool.USAGE, f"{longest}y: the path of a folder of npy files is 492 bytes "
                    "long, expected at most 491", "export", "m.zxm", "--to", "npy", longest + "y")
         self.assertEqual(self.files(deep), ["y" * (491 - len(deep) - 1)])
 
     def test_of_a_full_disk_leaves_nothing(self):
         self.save("m.zxm", PLAIN)
-        self.fails(program.INPUT_OUTPUT,
+        self.fails(tool.INPUT_OUTPUT,
                    "out/user_embeddings.npy: 100 bytes were written, expected 152",
                    "export", "m.zxm", "--to", "npy", "out", preexec_fn=small_files)
         self.assertEqual(self.files(), ["m.zxm"])
@@ -101,7 +101,7 @@ class Npy(Export):
         self.save("m.zxm", PLAIN)
         self.run_tool("export", "m.zxm", "--to", "npy", "out")
         before = self.read_bytes("out/user_embeddings.npy")
-        self.run_tool("export", "m.zxm", "--to", "npy", "out", status=program.INPUT_OUTPUT,
+        self.run_tool("export", "m.zxm", "--to", "npy", "out", status=tool.INPUT_OUTPUT,
                       preexec_fn=small_files)
         self.assertEqual(self.files("out"), TABLES)
         self.assertEqual(self.read_bytes("out/user_embeddings.npy"), before)
@@ -109,9 +109,9 @@ class Npy(Export):
     def test_refuses_a_file_in_the_folders_place(self):
         self.save("m.zxm", PLAIN)
         self.write("out", "mine")
-        self.fails(program.INPUT_OUTPUT, "out: is no folder, expected one or nothing",
+        self.fails(tool.INPUT_OUTPUT, "out: is no folder, expected one or nothing",
                    "export", "m.zxm", "--to", "npy", "out")
-        self.fails(program.INPUT_OUTPUT, "none/out: cannot be made: No such file or directory",
+        self.fails(tool.INPUT_OUTPUT, "none/out: cannot be made: No such file or directory",
                    "export", "m.zxm", "--to", "npy", "none/out")
 
 
@@ -139,7 +139,7 @@ class Csv(Export):
 
     def test_of_a_full_disk_leaves_nothing(self):
         self.save("m.zxm", Model([[1 / 3] * 10] * 3, [[1] * 10]))
-        self.run_tool("export", "m.zxm", "--to", "csv", "out", status=program.INPUT_OUTPUT,
+        self.run_tool("export", "m.zxm", "--to", "csv", "out", status=tool.INPUT_OUTPUT,
                       preexec_fn=small_files)
         self.assertEqual(self.files(), ["m.zxm"])
 
@@ -174,7 +174,7 @@ class Files(Export):
         self.save("m.zxm", PLAIN)
         for name, wanted in (("safetensors", "184"), ("json", "more"), ("schema", "more")):
             with self.subTest(to=name):
-                self.fails(program.INPUT_OUTPUT,
+                self.fails(tool.INPUT_OUTPUT,
                            f"out: 100 bytes were written, expected {wanted}",
                            "export", "m.zxm", "--to", name, "out", preexec_fn=small_files)
                 self.assertEqual(self.files(), ["m.zxm"])
@@ -203,7 +203,7 @@ class Files(Export):
             for name in ("csv", "safetensors"):
                 with self.subTest(message, to=name):
                     _, error = self.run_tool("export", "m.zxm", "--to", name, "out",
-                                             status=program.BAD_MODEL)
+                                             status=tool.BAD_MODEL)
                     self.assertEqual(error, f"zorvex: m.zxm: {message}\n")
         self.assertEqual(self.files(), ["m.zxm"])
 
@@ -214,13 +214,13 @@ class Files(Export):
         for path in ("real/m.zxm.ids", "real/m.zxm.ids.new", "m.zxm.ids", "m.zxm.ids.new"):
             with open(self.path(path), "ab"):
                 pass
-            self.fails(program.USAGE, f"{path}: would overwrite the input",
+            self.fails(tool.USAGE, f"{path}: would overwrite the input",
                        "export", "m.zxm", "--to", "json", path)
 
     def test_never_take_the_models_place(self):
         self.save_with_ids("m.zxm")
         for path in ("m.zxm", "./m.zxm", "m.zxm.ids"):
-            self.fails(program.USAGE, f"{path}: would overwrite the input",
+            self.fails(tool.USAGE, f"{path}: would overwrite the input",
                        "export", "m.zxm", "--to", "json", path)
 
     def test_of_numbers_that_are_not_finite_are_written_with_a_warning(self):
@@ -234,12 +234,12 @@ class Files(Export):
 
     def test_refuse_what_is_no_model_and_what_is_no_format(self):
         self.write("m.zxm", "no model")
-        self.fails(program.BAD_MODEL, "m.zxm: is no model file", "export", "m.zxm", "--to", "npy",
+        self.fails(tool.BAD_MODEL, "m.zxm: is no model file", "export", "m.zxm", "--to", "npy",
                    "out")
-        self.run_tool("export", "m.zxm", "--to", "hdf5", "out", status=program.USAGE)
-        self.run_tool("export", "m.zxm", "out", status=program.USAGE)
+        self.run_tool("export", "m.zxm", "--to", "hdf5", "out", status=tool.USAGE)
+        self.run_tool("export", "m.zxm", "out", status=tool.USAGE)
         self.assertEqual(self.files(), ["m.zxm"])
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

@@ -6,7 +6,7 @@ import os
 import random
 import struct
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 ODD_IDS = ["plain", "a,b", 'say "hi"', " leading", "trailing ", "\u00e9\u732b", "two words", "007",
@@ -180,7 +180,7 @@ class Answers(ModelTest):
             with self.subTest(user=user):
                 output, _ = self.run_tool("recommend", "m.zxm", f"--user={user}", "-k", 1)
                 self.assertEqual(self.rows_of(output)[0][0], user)
-        self.run_tool("recommend", "m.zxm", "--user=07", status=program.BAD_INPUT)
+        self.run_tool("recommend", "m.zxm", "--user=07", status=tool.BAD_INPUT)
 
     def test_quote_fields_that_need_it(self):
         self.write("data.csv", '"a,b","say ""hi"""\n" lead",plain\n')
@@ -213,14 +213,14 @@ class Answers(ModelTest):
         self.assertEqual(self.read_bytes("kept.csv"), b"an older answer\n")
 
         self.run_tool("recommend", "m.zxm", "--user", 9, "-o", "out.csv",
-                      status=program.BAD_INPUT)
+                      status=tool.BAD_INPUT)
         self.assertEqual(self.read_bytes("out.csv").decode(), output)
         self.assertEqual(sorted(os.listdir(self.folder)), ["kept.csv", "m.zxm", "out.csv"])
 
     def test_need_a_folder_for_their_file(self):
         self.save("m.zxm", self.MODEL)
         output, error = self.run_tool("recommend", "m.zxm", "--all", "-o", "none/out.csv",
-                                      status=program.INPUT_OUTPUT)
+                                      status=tool.INPUT_OUTPUT)
         self.assertEqual(output, "")
         self.assertIn("No such file or directory", error)
 
@@ -228,7 +228,7 @@ class Answers(ModelTest):
         self.save("m.zxm", self.MODEL)
         for users in ([], ["--all", "--user", 0]):
             with self.subTest(users=users):
-                _, error = self.run_tool("recommend", "m.zxm", *users, status=program.USAGE)
+                _, error = self.run_tool("recommend", "m.zxm", *users, status=tool.USAGE)
                 self.assertEqual(error,
                                  "zorvex: either --user or --all is needed, and not both\n")
 
@@ -241,14 +241,14 @@ class UnknownIds(ModelTest):
 
     def test_are_named_and_counted(self):
         output, error = self.run_tool("recommend", "m.zxm", "--user", "ann", "--user", "cy",
-                                      "--user", "dee", status=program.BAD_INPUT)
+                                      "--user", "dee", status=tool.BAD_INPUT)
         self.assertEqual(output, "")
         self.assertEqual(error, 'zorvex: the model does not know 2 users: "cy", "dee"; '
                                 "--skip-unknown leaves them out\n")
 
     def test_are_named_up_to_five(self):
         users = [word for n in range(6) for word in ("--user", f"u{n}")]
-        _, error = self.run_tool("recommend", "m.zxm", *users, status=program.BAD_INPUT)
+        _, error = self.run_tool("recommend", "m.zxm", *users, status=tool.BAD_INPUT)
         self.assertEqual(error, 'zorvex: the model does not know 6 users: "u0", "u1", "u2", "u3", '
                                 '"u4", ...; --skip-unknown leaves them out\n')
 
@@ -261,7 +261,7 @@ class UnknownIds(ModelTest):
     def test_among_the_excluded_are_counted(self):
         self.write("seen.csv", "ann,x\ncy,x\nann,new\nann,newer\n")
         _, error = self.run_tool("recommend", "m.zxm", "--user", "ann", "--exclude", "seen.csv",
-                                 status=program.BAD_INPUT)
+                                 status=tool.BAD_INPUT)
         self.assertEqual(error, 'zorvex: seen.csv: the model does not know 1 user (first "cy") '
                                 'and 2 items (first "new"); --skip-unknown leaves their rows '
                                 "out\n")
@@ -273,4 +273,4 @@ class UnknownIds(ModelTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

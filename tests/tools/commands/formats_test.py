@@ -3,7 +3,7 @@
 import gzip
 import random
 
-import program
+import tool
 
 
 def make_rows():
@@ -34,7 +34,7 @@ def lists():
     return "".join(" ".join([user, *liked]) + "\n" for user, liked in items.items())
 
 
-class FormatsTest(program.ToolTest):
+class FormatsTest(tool.Case):
     def model(self, path, *options, contents=None, **how):
         """The bytes of model and ids that a file makes."""
         if contents is not None:
@@ -151,7 +151,7 @@ class WrongForms(FormatsTest):
             with self.subTest(name=name):
                 self.write(name, contents)
                 output, error = self.run_tool("train", name, "-o", "m.zxm", *TRAINING, *options,
-                                              status=program.BAD_INPUT)
+                                              status=tool.BAD_INPUT)
                 self.assertEqual(output, "")
                 self.assertTrue(error.startswith(f"zorvex: {where}"), error)
                 self.assertEqual(error.count("\n"), 1)
@@ -169,10 +169,10 @@ class WrongForms(FormatsTest):
         for name in ("text.csv.gz", "cut.csv.gz", "broken.csv.gz"):
             with self.subTest(name=name):
                 output, error = self.run_tool("train", name, "-o", "m.zxm", *TRAINING,
-                                              status=program.BAD_INPUT)
+                                              status=tool.BAD_INPUT)
                 self.assertEqual(output, "")
                 self.assertRegex(error, rf"\Azorvex: {name}[^\n]*\n\Z")
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

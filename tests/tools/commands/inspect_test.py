@@ -6,7 +6,7 @@ import os
 import statistics
 import struct
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 HEADING = "tensor,dtype,shape,offset,bytes,count,min,max,mean,std,not_finite\n"
@@ -47,7 +47,7 @@ class Inspect(ModelTest):
         self.assertEqual(result.pop("file_bytes"), os.path.getsize(self.path(name)))
         return result
 
-    def refuses(self, name, message, status=program.BAD_INPUT):
+    def refuses(self, name, message, status=tool.BAD_INPUT):
         output, error = self.run_tool("inspect", name, status=status)
         self.assertEqual((output, error), ("", f"zorvex: {name}: {message}\n"))
 
@@ -230,7 +230,7 @@ class Damage(Inspect):
                 (432, 760, "the data begins at 760, in front of all data")):
             self.write_bytes("m.zxm", whole[:offset] + struct.pack("<Q", number) +
                              whole[offset + 8:])
-            self.refuses("m.zxm", f"offset {offset}: {message}", program.BAD_MODEL)
+            self.refuses("m.zxm", f"offset {offset}: {message}", tool.BAD_MODEL)
 
     def test_of_tensors_that_are_the_whole_file_over_and_over(self):
         count = 200
@@ -239,7 +239,7 @@ class Damage(Inspect):
         one = struct.pack("<256sI4I4xQQ8x", b"a", 1, length // 4, 1, 1, 1, 0, length)
         self.write_bytes("m.zxm", (head + one * count).ljust(length, b"\0"))
         self.refuses("m.zxm", f"offset {152 + 304 + 288}: the tensors up to this one have more bytes "
-                     "than the file", program.BAD_MODEL)
+                     "than the file", tool.BAD_MODEL)
 
     def test_of_other_files(self):
         self.write("a.raw", "12345")
@@ -249,9 +249,9 @@ class Damage(Inspect):
         self.write("a.json", " " * 1048577)
         self.refuses("a.json", "is 1048577 bytes of JSON, expected at most 1048576")
         self.write("a.zxm", "ZXQM")
-        self.refuses("a.zxm", "offset 4: the file ends in its header", program.BAD_MODEL)
+        self.refuses("a.zxm", "offset 4: the file ends in its header", tool.BAD_MODEL)
         self.write("a.zxm", "NUMPY")
-        self.refuses("a.zxm", "offset 0: is no model or tensor file", program.BAD_MODEL)
+        self.refuses("a.zxm", "offset 0: is no model or tensor file", tool.BAD_MODEL)
         self.write("a", "any text that is longer than eight bytes")
         self.refuses("a", "is of no format that is known: neither its first bytes nor its name, "
                      "such as .zxm, .npy, .safetensors, .json, .bin or .raw, tell one")
@@ -261,15 +261,15 @@ class Damage(Inspect):
         whole = self.read_bytes("m.zxm")
         for length in range(0, 1604, 53):
             self.write_bytes("cut.zxm", whole[:length])
-            _, error = self.run_tool("inspect", "cut.zxm", status=program.BAD_MODEL)
+            _, error = self.run_tool("inspect", "cut.zxm", status=tool.BAD_MODEL)
             self.assertRegex(error, r"^zorvex: cut\.zxm: offset \d+: ")
 
     def test_of_files_that_are_huge_but_for_their_contents(self):
         header = b"ZXQM" + struct.pack("<III", 1, 0, 0xFFFFFFFF)
-        for name, start, status in (("m.zxm", header, program.BAD_MODEL),
-                                    ("a.npy", b"\x93NUMPY\1\0\0\0", program.BAD_INPUT),
-                                    ("a.safetensors", bytes(8), program.BAD_INPUT),
-                                    ("a.json", b"{}", program.BAD_INPUT)):
+        for name, start, status in (("m.zxm", header, tool.BAD_MODEL),
+                                    ("a.npy", b"\x93NUMPY\1\0\0\0", tool.BAD_INPUT),
+                                    ("a.safetensors", bytes(8), tool.BAD_INPUT),
+                                    ("a.json", b"{}", tool.BAD_INPUT)):
             with open(self.path(name), "wb") as file:
                 file.write(start)
                 file.truncate(1 << 40)
@@ -278,10 +278,10 @@ class Damage(Inspect):
     def test_of_what_is_no_file_does_not_wait(self):
         os.mkfifo(self.path("pipe.npy"))
         message = "is no regular file, expected one that can be read at any place"
-        self.refuses("pipe.npy", message, program.INPUT_OUTPUT)
-        self.refuses(".", message, program.INPUT_OUTPUT)
-        self.refuses("none", "cannot be opened: No such file or directory", program.INPUT_OUTPUT)
+        self.refuses("pipe.npy", message, tool.INPUT_OUTPUT)
+        self.refuses(".", message, tool.INPUT_OUTPUT)
+        self.refuses("none", "cannot be opened: No such file or directory", tool.INPUT_OUTPUT)
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

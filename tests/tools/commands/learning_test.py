@@ -7,7 +7,7 @@ import json
 import math
 import random
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 ALGORITHMS = {"als": ["--algorithm", "als"], "bpr": ["--algorithm", "bpr"],
@@ -99,7 +99,7 @@ class Learning(ModelTest):
         self.assertAlmostEqual(model["at"][0]["ndcg"], sum(gains) / 2000, delta=1e-9)
 
 
-class Generated(program.ToolTest):
+class Generated(tool.Case):
     def rows(self, *options):
         output, _ = self.run_tool("generate", *options)
         rows = list(csv.reader(io.StringIO(output)))
@@ -164,15 +164,15 @@ class Generated(program.ToolTest):
         kept = self.read_bytes("data.csv")
         self.assertEqual(kept.count(b"\n"), 9)
         _, error = self.run_tool("generate", "-o", "data.csv", "--users", 4, "--items", 6,
-                                 "--interactions", 13, status=program.USAGE)
+                                 "--interactions", 13, status=tool.USAGE)
         self.assertEqual(error, "zorvex: rank 10 is out of range, expected 1 to the number of "
                                 "items, 6\n")
         _, error = self.run_tool("generate", "-o", "data.csv", "--users", 4, "--items", 6,
-                                 "--interactions", 13, "--rank", 2, status=program.USAGE)
+                                 "--interactions", 13, "--rank", 2, status=tool.USAGE)
         self.assertEqual(error, "zorvex: 13 interactions are too many, expected 12 at most: half "
                                 "of all pairs\n")
         self.assertEqual(self.read_bytes("data.csv"), kept)
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

@@ -4,7 +4,7 @@ import csv
 import io
 
 import models
-import program
+import tool
 
 
 class Model:
@@ -24,7 +24,7 @@ class Model:
         return total
 
 
-class ModelTest(program.ToolTest):
+class ModelTest(tool.Case):
     def save(self, name, model):
         models.write_model(self.path(name), model.users, model.items, model.user_biases,
                            model.item_biases)

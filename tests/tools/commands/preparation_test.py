@@ -3,7 +3,7 @@
 
 import unittest
 
-import program
+import tool
 
 # Ratings at, above and below 3; times that do not follow the lines; a user with one row.
 TIMED = """ann::tea::5::30
@@ -17,8 +17,8 @@ cyd::coal::4::1
 """
 
 
-class PreparationTest(program.ToolTest):
-    def split(self, file, *options, status=program.DONE):
+class PreparationTest(tool.Case):
+    def split(self, file, *options, status=tool.DONE):
         """The training pairs and the held-out pairs, each as the lines of its file."""
         self.run_tool("train", file, "-o", "m.zxm", "--dim", 2, "--epochs", 1, "--write-train",
                       "train.csv", *options, status=status)
@@ -194,7 +194,7 @@ class Fraction(PreparationTest):
 
 
 class Refusal(PreparationTest):
-    def refusal(self, *arguments, status=program.BAD_INPUT, **options):
+    def refusal(self, *arguments, status=tool.BAD_INPUT, **options):
         output, error = self.run_tool("train", *arguments, "-o", "m.zxm", status=status, **options)
         self.assertEqual(output, "")
         return error
@@ -223,4 +223,4 @@ class Refusal(PreparationTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

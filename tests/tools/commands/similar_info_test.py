@@ -4,7 +4,7 @@ import json
 import math
 import random
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 
@@ -67,7 +67,7 @@ class Similar(ModelTest):
         self.write("data.csv", "ann,x\nbob,y\n")
         self.run_tool("train", "data.csv", "-o", "m.zxm", "--dim", 2)
         output, error = self.run_tool("similar", "m.zxm", "--item", "w", "--item", "x",
-                                      status=program.BAD_INPUT)
+                                      status=tool.BAD_INPUT)
         self.assertEqual(output, "")
         self.assertEqual(error, 'zorvex: the model does not know 1 item: "w"; --skip-unknown '
                                 "leaves them out\n")
@@ -115,4 +115,4 @@ class Info(ModelTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

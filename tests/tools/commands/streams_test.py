@@ -7,7 +7,7 @@ import shutil
 import struct
 import subprocess
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 ROWS = "ann,x,4,1\nann,y,5,2\nann,z,3,3\nbob,y,4,4\nbob,z,5,5\nbob,w,1,6\n"
@@ -101,7 +101,7 @@ class Usage(StreamsTest):
                 ["generate", "--users", 2, "--items", 10, "--interactions", 11],
                 ["generate", "--json"]):
             with self.subTest(arguments=arguments):
-                output, error = self.run_tool(*arguments, status=program.USAGE)
+                output, error = self.run_tool(*arguments, status=tool.USAGE)
                 self.assertEqual(output, "")
                 self.assertRegex(error, r"\Azorvex: [^\n]+\n\Z")
 
@@ -141,7 +141,7 @@ class Streams(StreamsTest):
         _, error = self.run_tool("recommend", "m.zxm", "--user", "cy", "--skip-unknown", "-q")
         self.assertEqual(error, "")
         _, error = self.run_tool("recommend", "m.zxm", "--user", "cy", "-q",
-                                 status=program.BAD_INPUT)
+                                 status=tool.BAD_INPUT)
         self.assertTrue(error.startswith("zorvex: the model does not know 1 user"))
 
     def test_verbose_says_what_is_read(self):
@@ -175,14 +175,14 @@ class ClosedAndFull(StreamsTest):
                     self.assertNotEqual(process.stdout.readline(), "")
                     process.stdout.close()
                     self.assertEqual(process.stderr.read(), "")
-                    self.assertEqual(process.wait(), program.DONE)
+                    self.assertEqual(process.wait(), tool.DONE)
 
     def test_a_full_disk_under_standard_output_is_an_error(self):
         for arguments in (["--help"], ["--version"], ["train", "--help"], *self.commands.values(),
                           ["generate"], ["info", "m.zxm", "--json"]):
             with self.subTest(arguments=arguments), open("/dev/full", "wb") as full:
                 _, error = self.run_tool(*arguments, "--quiet", stdout=full,
-                                         status=program.INPUT_OUTPUT)
+                                         status=tool.INPUT_OUTPUT)
                 self.assertTrue(error.endswith("No space left on device\n"), error)
                 self.assertEqual(error.count("\n"), 1)
 
@@ -191,10 +191,10 @@ class ClosedAndFull(StreamsTest):
             with self.subTest(command=name):
                 expected, _ = self.run_tool(*command)
                 words = " ".join(map(str, command))
-                result = subprocess.run(["sh", "-c", f"exec '{program.TOOL}' {words} 2>&-"],
+                result = subprocess.run(["sh", "-c", f"exec '{tool.TOOL}' {words} 2>&-"],
                                         cwd=self.folder, stdout=subprocess.PIPE, text=True,
                                         check=False)
-                self.assertEqual(result.returncode, program.DONE)
+                self.assertEqual(result.returncode, tool.DONE)
                 if name != "train":
                     self.assertEqual(result.stdout, expected)
 
@@ -209,7 +209,7 @@ class Files(StreamsTest):
                         ["evaluate", "m.zxm", "--negatives", "none"],
                         ["recommend", "m.zxm", "--all", "--exclude", "none"]):
             with self.subTest(command=command):
-                output, error = self.run_tool(*command, status=program.INPUT_OUTPUT)
+                output, error = self.run_tool(*command, status=tool.INPUT_OUTPUT)
                 self.assertEqual(output, "")
                 self.assertRegex(error, r"(\A|\n)zorvex: none[^\n]*No such file or directory\n\Z")
         self.assertFalse(os.path.exists(self.path("n.zxm")))
@@ -220,7 +220,7 @@ class Files(StreamsTest):
                         ["similar", model, "--item", "x"],
                         ["evaluate", model, "--test", "test.csv"]):
             with self.subTest(command=command, reason=reason):
-                output, error = self.run_tool(*command, status=program.BAD_MODEL)
+                output, error = self.run_tool(*command, status=tool.BAD_MODEL)
                 self.assertEqual(output, "")
                 self.assertEqual(error, f"zorvex: {reason}\n")
 
@@ -277,8 +277,8 @@ class Files(StreamsTest):
         self.assertEqual(self.rows_of(output), expected)
         self.assertEqual(error, "m.zxm: 2 users, 4 items, dimension 2, no ids file: ids are plain "
                                 "numbers\n")
-        self.run_tool("recommend", "m.zxm", "--user", "ann", status=program.BAD_INPUT)
+        self.run_tool("recommend", "m.zxm", "--user", "ann", status=tool.BAD_INPUT)
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

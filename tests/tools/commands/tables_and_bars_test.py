@@ -9,7 +9,7 @@ import struct
 import subprocess
 import termios
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 BOLD, CYAN, PLAIN = "\x1b[1m", "\x1b[36m", "\x1b[0m"
@@ -27,7 +27,7 @@ class TerminalTest(ModelTest):
                      if name not in ("NO_COLOR", "TERM")}
         variables.update({"TERM": "xterm"}, **environment)
         ends = {name: end if name in streams else subprocess.PIPE for name in ("stdout", "stderr")}
-        with subprocess.Popen([program.TOOL, *map(str, arguments)], cwd=self.folder,
+        with subprocess.Popen([tool.TOOL, *map(str, arguments)], cwd=self.folder,
                               env=variables, stdin=subprocess.DEVNULL, **ends) as process:
             os.close(end)
             pipes = {terminal: b""}
@@ -182,4 +182,4 @@ class Bars(TerminalTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

@@ -1,12 +1,18 @@
-"""What the tests of the tool share: running it, and models written by hand."""
+"""What the tests of the tool share: running it, and files for it."""
 
 import os
-import struct
 import subprocess
+import sys
 import tempfile
 import unittest
 
+import models
+
 TOOL = os.environ["ZORVEX_TOOL"]
+
+# Exit statuses.
+DONE, FAILURE, USAGE, BAD_INPUT, BAD_MODEL, OUT_OF_MEMORY, INPUT_OUTPUT = range(7)
+INTERRUPTED = 130
 
 # The environment of every run: nothing in the user's own decides about colours.
 ENVIRONMENT = {k: v for k, v in os.environ.items() if k not in ("NO_COLOR", "TERM")}
@@ -30,7 +36,7 @@ class Case(unittest.TestCase):
     """A test with a folder of its own, which is the working directory of its runs."""
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(prefix="zorvex-test-")
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
 
@@ -41,6 +47,17 @@ class Case(unittest.TestCase):
         with open(self.path(name), "wb") as file:
             file.write(text if isinstance(text, bytes) else text.encode())
         return name
+
+    def write_model(self, name, *tables):
+        """Writes a model file, see models.write_model()."""
+        models.write_model(self.path(name), *tables)
+        return name
+
+    def read_bytes(self, name):
+        return read(self.path(name))
+
+    def files(self):
+        return sorted(os.listdir(self.folder))
 
     def tool(self, *arguments, **options):
         return run(*arguments, cwd=self.folder, **options)
@@ -59,23 +76,25 @@ class Case(unittest.TestCase):
         self.assertEqual(result.stdout, b"")
         return result
 
-    def files(self):
-        return sorted(os.listdir(self.folder))
+    def start(self, *arguments, environment=None, **options):
+        """Starts the tool; its streams are text unless options say else."""
+        options.setdefault("text", True)
+        return subprocess.Popen([TOOL, *map(str, arguments)], cwd=self.folder,
+                                env={**ENVIRONMENT, **(environment or {})},
+                                stdin=options.pop("stdin", subprocess.DEVNULL),
+                                stdout=options.pop("stdout", subprocess.PIPE),
+                                stderr=options.pop("stderr", subprocess.PIPE), **options)
 
-    def write_model(self, name, users, items, user_biases=None, item_biases=None):
-        """Writes a model file of embedding rows; its ids are plain numbers."""
-        tensors = [("mf.user_embeddings", users, 2), ("mf.item_embeddings", items, 2)]
-        if user_biases is not None:
-            tensors.append(("mf.user_biases", [[b] for b in user_biases], 1))
-            tensors.append(("mf.item_biases", [[b] for b in item_biases], 1))
-        data_offset = (152 + 304 * len(tensors) + 63) // 64 * 64
-        table, data = b"", b""
-        for tensor_name, rows, ndim in tensors:
-            floats = b"".join(struct.pack("<f", x) for row in rows for x in row)
-            dims = (len(rows), len(rows[0]) if ndim == 2 else 1, 1, 1)
-            table += struct.pack("<256sI4I4xQQQ", tensor_name.encode(), ndim, *dims,
-                                 data_offset + len(data), len(floats), 0)
-            data += floats.ljust((len(floats) + 63) // 64 * 64, b"\0")
-        header = struct.pack("<4sIIIQQ64s56x", b"ZXQM", 1, 0, len(tensors), data_offset,
-                             data_offset + len(data), b"MatrixFactorization")
-        return self.write(name, (header + table).ljust(data_offset, b"\0") + data)
+    def run_tool(self, *arguments, status=DONE, **options):
+        """Runs the tool and expects its exit status; returns (standard output, standard error)."""
+        text = options.pop("input", None)
+        if text is not None:
+            options["stdin"] = subprocess.PIPE
+        process = self.start(*arguments, **options)
+        output, error = process.communicate(text, timeout=300)
+        self.assertEqual(process.returncode, status, f"{arguments}: {output}{error}")
+        return output, error
+
+
+def main():
+    unittest.main(verbosity=1, argv=[sys.argv[0]])

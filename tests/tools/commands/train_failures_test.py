@@ -11,14 +11,14 @@ import termios
 import time
 import unittest
 
-import program
+import tool
 
 DATA = "".join(f"u{n % 30},i{n * n % 41}\n" for n in range(300))
 SMALL = ("--dim", 3, "--epochs", 2)
 FOREVER = ("--dim", 8, "--epochs", 4294967295)
 
 
-class FailureTest(program.ToolTest):
+class FailureTest(tool.Case):
     """With a model in place that must still be there afterwards, and nothing else."""
 
     def setUp(self):
@@ -60,14 +60,14 @@ class BadInput(FailureTest):
         for text, message in self.CASES:
             with self.subTest(text=text):
                 self.write("in.csv", text)
-                self.assertEqual(self.refusal("in.csv", "-o", "m.zxm", status=program.BAD_INPUT),
+                self.assertEqual(self.refusal("in.csv", "-o", "m.zxm", status=tool.BAD_INPUT),
                                  f"zorvex: in.csv{message}\n")
                 os.remove(self.path("in.csv"))
                 self.assert_untouched()
 
     def test_on_standard_input_is_named_so(self):
         self.assertEqual(
-            self.refusal("-", "-o", "m.zxm", input="1,2\n3\n", status=program.BAD_INPUT),
+            self.refusal("-", "-o", "m.zxm", input="1,2\n3\n", status=tool.BAD_INPUT),
             "zorvex: standard input:2: expected 2 fields (user,item), found 1\n")
         self.assert_untouched()
 
@@ -79,22 +79,22 @@ class BadInput(FailureTest):
             with open(self.path("in.csv.gz"), "wb") as file:
                 file.write(contents)
             self.assertEqual(
-                self.refusal("in.csv.gz", "-o", "m.zxm", status=program.BAD_INPUT),
+                self.refusal("in.csv.gz", "-o", "m.zxm", status=tool.BAD_INPUT),
                 f"zorvex: in.csv.gz: {message}\n")
             os.remove(self.path("in.csv.gz"))
             self.assert_untouched()
 
     def test_that_is_not_there_is_a_failed_input(self):
         self.assertEqual(
-            self.refusal("none.csv", "-o", "m.zxm", status=program.INPUT_OUTPUT),
+            self.refusal("none.csv", "-o", "m.zxm", status=tool.INPUT_OUTPUT),
             "zorvex: none.csv: cannot be opened: No such file or directory\n")
-        self.assertEqual(self.refusal(".", "-o", "m.zxm", status=program.INPUT_OUTPUT),
+        self.assertEqual(self.refusal(".", "-o", "m.zxm", status=tool.INPUT_OUTPUT),
                          "zorvex: .: cannot be read: Is a directory\n")
         self.assert_untouched()
 
     def test_makes_training_diverge_without_a_model(self):
         error = self.refusal("data.csv", "-o", "m.zxm", "--alpha", 3e38, "--regularization", 1,
-                             status=program.FAILURE)
+                             status=tool.FAILURE)
         self.assertEqual(error.splitlines()[-1],
                          "zorvex: training diverged in epoch 1: numbers are no longer finite; a "
                          "smaller --alpha or a larger --regularization may help; m.zxm is "
@@ -117,7 +117,7 @@ class NoPlaceToWrite(FailureTest):
         for place, message in places:
             with self.subTest(place=place):
                 self.assertEqual(
-                    self.refusal("data.csv", "-o", place, *FOREVER, status=program.INPUT_OUTPUT),
+                    self.refusal("data.csv", "-o", place, *FOREVER, status=tool.INPUT_OUTPUT),
                     f"zorvex: {message}\n")
                 self.assertEqual(sorted(os.listdir(self.folder)), sorted(self.before))
                 self.assertEqual(os.listdir(self.path("folder")), [])
@@ -127,7 +127,7 @@ class NoPlaceToWrite(FailureTest):
         for option in ("--write-train", "--write-test"):
             with self.subTest(option=option):
                 error = self.refusal("data.csv", "-o", "m.zxm", "--holdout", 0.5, *FOREVER, option,
-                                     "none/part.csv", status=program.INPUT_OUTPUT)
+                                     "none/part.csv", status=tool.INPUT_OUTPUT)
                 self.assertEqual(
                     error.splitlines()[-1],
                     "zorvex: none/part.csv: cannot be written: No such file or directory")
@@ -138,7 +138,7 @@ class NoPlaceToWrite(FailureTest):
             process = self.start("train", "data.csv", "-o", "m.zxm", *SMALL, "--seed", 8,
                                  stdout=full)
             error = process.communicate(timeout=60)[1]
-        self.assertEqual(process.returncode, program.INPUT_OUTPUT)
+        self.assertEqual(process.returncode, tool.INPUT_OUTPUT)
         self.assertEqual(error.splitlines()[-1],
                          "zorvex: standard output: No space left on device")
         self.run_tool("train", "data.csv", "-o", "other.zxm", *SMALL, "--seed", 8)
@@ -149,7 +149,7 @@ class NoPlaceToWrite(FailureTest):
 class NoRoom(FailureTest):
     """A limit on the size of files stands for a disk that is full."""
 
-    def limited(self, size, *options, status=program.INPUT_OUTPUT):
+    def limited(self, size, *options, status=tool.INPUT_OUTPUT):
         def limit():
             resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
 
@@ -162,7 +162,7 @@ class NoRoom(FailureTest):
             with self.subTest(room=room):
                 self.assertRegex(self.limited(room), r"\Azorvex: m\.zxm: ")
                 self.assert_untouched()
-        self.limited(size, status=program.DONE)
+        self.limited(size, status=tool.DONE)
         self.assertNotEqual(self.contents(), self.before)
 
     def test_for_the_ids_leaves_the_old_pair(self):
@@ -201,7 +201,7 @@ class Interrupt(FailureTest):
                 break
         process.send_signal(number)
         last = process.stderr.readlines()[-1]
-        self.assertEqual(process.wait(timeout=60), program.INTERRUPTED)
+        self.assertEqual(process.wait(timeout=60), tool.INTERRUPTED)
         self.assertEqual(process.stdout.read(), "")
         return last
 
@@ -255,7 +255,7 @@ class Interrupt(FailureTest):
             self.wait_until(lambda: self.is_drained(pipe) and self.sleeps(process))
             process.send_signal(signal.SIGINT)
             output, error = process.communicate(timeout=60)
-        self.assertEqual(process.returncode, program.INTERRUPTED)
+        self.assertEqual(process.returncode, tool.INTERRUPTED)
         self.assertEqual((output, error), ("", "zorvex: interrupted\n"))
         os.remove(self.path("pipe"))
         self.assert_untouched()
@@ -298,4 +298,4 @@ class Killed(FailureTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

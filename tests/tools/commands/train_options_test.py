@@ -5,7 +5,7 @@ import os
 import re
 import unittest
 
-import program
+import tool
 from models import read_model
 
 POCL = "/etc/OpenCL/vendors/pocl.icd"
@@ -32,7 +32,7 @@ gus,rain,3,16
 SMALL = ("--dim", 3, "--epochs", 4)
 
 
-class TrainTest(program.ToolTest):
+class TrainTest(tool.Case):
     def setUp(self):
         super().setUp()
         self.write("ratings.csv", RATINGS)
@@ -213,7 +213,7 @@ class UsageError(TrainTest):
     def test_says_what_is_wrong_and_writes_nothing(self):
         for options, message in self.CASES:
             with self.subTest(options=options):
-                output, error = self.train(*options, status=program.USAGE)
+                output, error = self.train(*options, status=tool.USAGE)
                 self.assertEqual((output, error), ("", f"zorvex: {message}\n"))
                 self.assertEqual(os.listdir(self.folder), ["ratings.csv"])
 
@@ -225,7 +225,7 @@ class UsageError(TrainTest):
                           ("ratings.csv", "-o", "m.zxm", "--format", "xml"),
                           ("ratings.csv", "-o", "m.zxm", "--header", "maybe")):
             with self.subTest(arguments=arguments):
-                output, error = self.run_tool("train", *arguments, status=program.USAGE)
+                output, error = self.run_tool("train", *arguments, status=tool.USAGE)
                 self.assertEqual(output, "")
                 self.assertRegex(error, r"\Azorvex: [^\n]+\n\Z")
                 self.assertEqual(os.listdir(self.folder), ["ratings.csv"])
@@ -328,4 +328,4 @@ class Lines(TrainTest):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

@@ -157,6 +157,8 @@ TEST(Trainer, SuitableRegularizationGrowsWithWhatIsKnown) {
     EXPECT_FLOAT_EQ(suitable_als_regularization(data, 0.0f), 0.1f);
     std::fill(data.train_strengths.begin(), data.train_strengths.end(), 3.0f);
     EXPECT_FLOAT_EQ(suitable_als_regularization(data, 10.0f), 86.6f);
+    data.train_strengths.clear();  // all 1
+    EXPECT_FLOAT_EQ(suitable_als_regularization(data, 10.0f), 28.9f);
 }
 
 TEST(Trainer, AllFiniteLooksAtEveryTable) {

@@ -5,7 +5,7 @@ import math
 import os
 import struct
 
-import program
+import tool
 from model_cases import Model, ModelTest
 
 # Two users, one item, dimension 3, with biases: four descriptors, then the data of each tensor in 64
@@ -38,7 +38,7 @@ class Verify(ModelTest):
             file.write(contents)
 
     def refuses(self, message):
-        output, error = self.run_tool("verify", "m.zxm", status=program.BAD_MODEL)
+        output, error = self.run_tool("verify", "m.zxm", status=tool.BAD_MODEL)
         self.assertEqual((output, error), ("", f"zorvex: m.zxm: {message}\n"))
 
     def refuses_with(self, *changes, message):
@@ -171,14 +171,14 @@ class Faults(Verify):
         self.write("data.csv", "ann,x\nbob,y\n")
         self.run_tool("train", "data.csv", "-o", "t.zxm", "--dim", 2)
         os.rename(self.path("t.zxm.ids"), self.path("m.zxm.ids"))
-        _, error = self.run_tool("verify", "m.zxm", status=program.BAD_MODEL)
+        _, error = self.run_tool("verify", "m.zxm", status=tool.BAD_MODEL)
         self.assertEqual(error, "zorvex: m.zxm.ids: does not belong to m.zxm, expected the ids "
                                 "saved with it\n")
 
 
 class NoFile(Verify):
     def refuses_file(self, name, message):
-        output, error = self.run_tool("verify", name, status=program.INPUT_OUTPUT)
+        output, error = self.run_tool("verify", name, status=tool.INPUT_OUTPUT)
         self.assertEqual((output, error), ("", f"zorvex: {message}\n"))
 
     def test_is_refused_without_waiting(self):
@@ -191,4 +191,4 @@ class NoFile(Verify):
 
 
 if __name__ == "__main__":
-    program.main()
+    tool.main()

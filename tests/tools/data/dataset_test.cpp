@@ -55,7 +55,7 @@ TEST(Prepare, SortsPairsByUserThenItem) {
     const Dataset dataset = prepare_text("b,y\na,x\nb,z\na,y\nb,x\n");
     EXPECT_EQ(dataset.train_users, (std::vector<std::uint32_t>{0, 0, 0, 1, 1}));
     EXPECT_EQ(dataset.train_items, (std::vector<std::uint32_t>{0, 1, 2, 0, 1}));
-    EXPECT_EQ(dataset.train_strengths, (std::vector<float>{1, 1, 1, 1, 1}));
+    EXPECT_TRUE(dataset.train_strengths.empty());
     EXPECT_EQ(dataset.users.name(0), "b");
     EXPECT_EQ(dataset.items.name(1), "x");
     EXPECT_TRUE(dataset.test.empty());
@@ -65,7 +65,7 @@ TEST(Prepare, SortsPairsByUserThenItem) {
 TEST(Prepare, MergesRepeatedPairs) {
     const Dataset dataset = prepare_text("a,x,2\na,y,1\na,x,3\nb,x,5\na,x,2\n");
     EXPECT_EQ(training_pairs(dataset), (NamedPairs{{"a", "x"}, {"a", "y"}, {"b", "x"}}));
-    EXPECT_EQ(dataset.train_strengths, (std::vector<float>{1, 1, 1}));
+    EXPECT_TRUE(dataset.train_strengths.empty());
     EXPECT_EQ(dataset.read_rows, 5U);
 }
 
@@ -76,6 +76,72 @@ TEST(Prepare, SumsStrengthsWhenWeighted) {
               (std::vector<float>{7.5F, 1.0F, 0.0F}));
     EXPECT_EQ(prepare_text("a,x\na,y\na,x\nb,x\na,x\n", preparation).train_strengths,
               (std::vector<float>{3.0F, 1.0F, 1.0F}));
+}
+
+// Far more users than are sorted together, and users with hundreds of rows and with one.
+TEST(Prepare, SortsAndSumsManyUsersHoweverTheirRowsAreScattered) {
+    SplitMix64 random(6);
+    std::map<std::pair<std::uint32_t, std::uint32_t>, double> sums;
+    InteractionFile scattered;
+    for (std::uint32_t user = 0; user < 3000; ++user) scattered.users.add(std::to_string(user));
+    for (std::uint32_t item = 0; item < 700; ++item) scattered.items.add(std::to_string(item));
+    for (int row = 0; row < 60000; ++row) {
+        const bool frequent = random.below(2) == 0;
+        scattered.rows.users.push_back(frequent ? random.below(5) * 7 : random.below(3000));
+        scattered.rows.items.push_back(random.below(700));
+        scattered.rows.ratings.push_back(static_cast<float>(random.below(5)));
+        sums[{scattered.rows.users.back(), scattered.rows.items.back()}] +=
+            static_cast<double>(scattered.rows.ratings.back());
+    }
+    InteractionFile together;
+    together.users = scattered.users;
+    together.items = scattered.items;
+    for (const auto& [pair, sum] : sums) {
+        together.rows.users.push_back(pair.first);
+        together.rows.items.push_back(699 - pair.second);
+        together.rows.ratings.push_back(static_cast<float>(sum));
+    }
+
+    const PairTable table = make_pairs(scattered.rows, scattered.users, scattered.items, true);
+    const PairTable mirrored = make_pairs(together.rows, together.users, together.items, true);
+    ASSERT_EQ(table.entries.size(), sums.size());
+    ASSERT_EQ(mirrored.starts, table.starts);
+    std::size_t entry = 0;
+    for (const auto& [pair, sum] : sums) {
+        const std::size_t first = table.starts[pair.first];
+        const std::size_t end = table.starts[pair.first + 1];
+        ASSERT_TRUE(first <= entry && entry < end) << pair.first;
+        ASSERT_EQ(table.entries[entry].item(), pair.second);
+        ASSERT_EQ(table.strengths[entry], static_cast<float>(sum));
+        const std::size_t opposite = first + end - 1 - entry;
+        ASSERT_EQ(mirrored.entries[opposite].item(), 699 - pair.second);
+        ASSERT_EQ(mirrored.strengths[opposite], static_cast<float>(sum));
+        ++entry;
+    }
+}
+
+TEST(Prepare, HasNoUseForColumnsThatItLeavesOut) {
+    const std::string text = "a,x,5,2\nb,y,1,2\na,y,4,1\na,x,3,0\n";
+    Preparation preparations[4];
+    preparations[1].weighted = true;
+    preparations[2].min_rating = 3.0F;
+    preparations[3] = with_holdout(Holdout::Kind::kLeaveOneOut);
+    const struct {
+        bool ratings;
+        bool timestamps;
+    } wanted[] = {{false, false}, {true, false}, {true, false}, {false, true}};
+    for (std::size_t i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        ReadOptions read;
+        leave_out_unused(preparations[i], read);
+        EXPECT_EQ(read.wants_ratings, wanted[i].ratings);
+        EXPECT_EQ(read.wants_timestamps, wanted[i].timestamps);
+        const Dataset dataset = prepare(read_text(text, "x.csv", read), preparations[i]);
+        const Dataset whole = prepare_text(text, preparations[i]);
+        EXPECT_EQ(training_pairs(dataset), training_pairs(whole));
+        EXPECT_EQ(dataset.train_strengths, whole.train_strengths);
+        EXPECT_EQ(dataset.test, whole.test);
+    }
 }
 
 TEST(Prepare, SumsManySmallStrengthsExactly) {
@@ -95,8 +161,7 @@ TEST(Prepare, RefusesStrengthsThatAreNoWeights) {
     EXPECT_EQ(failure_of([&] { prepare_text("a,x,3e38\na,x,3e38\n", preparation); }).substr(0, 13),
               "3: strength 6");
     preparation.weighted = false;
-    EXPECT_EQ(prepare_text("a,x,1\nb,y,-3\n", preparation).train_strengths,
-              (std::vector<float>{1.0F, 1.0F}));
+    EXPECT_EQ(training_pairs(prepare_text("a,x,1\nb,y,-3\n", preparation)).size(), 2U);
 }
 
 TEST(Prepare, LeavesOutLowRatings) {
@@ -335,7 +400,7 @@ TEST(Matrix, HasARowPerUser) {
     const std::vector<std::uint32_t> users = {0, 0, 2};
     const std::vector<std::uint32_t> items = {1, 3, 0};
     const std::vector<float> strengths = {2.0F, 0.5F, 7.0F};
-    const SparsePtr matrix = make_csr(4, 5, users, items, &strengths);
+    const SparsePtr matrix = make_csr(4, 5, users, items, strengths);
     ASSERT_EQ(matrix->rows, 4U);
     ASSERT_EQ(matrix->cols, 5U);
     ASSERT_EQ(matrix->nnz, 3U);
@@ -343,23 +408,22 @@ TEST(Matrix, HasARowPerUser) {
               (std::vector<std::uint32_t>{0, 2, 2, 3, 3}));
     EXPECT_EQ(std::vector<std::uint32_t>(matrix->col_idx, matrix->col_idx + 3), items);
     EXPECT_EQ(std::vector<float>(matrix->values, matrix->values + 3), strengths);
-    const SparsePtr plain = make_csr(4, 5, users, items, nullptr);
+    const SparsePtr plain = make_csr(4, 5, users, items, {});
     EXPECT_EQ(std::vector<float>(plain->values, plain->values + 3),
               (std::vector<float>{1.0F, 1.0F, 1.0F}));
 }
 
 TEST(Matrix, IsRefusedWithoutPairs) {
-    EXPECT_EQ(failure_of([] { make_csr(1, 1, {}, {}, nullptr); }),
+    EXPECT_EQ(failure_of([] { make_csr(1, 1, {}, {}, {}); }),
               "3: there are no pairs to learn from");
 }
 
 TEST(Matrix, IsRefusedForPairsOutOfOrder) {
     EXPECT_EQ(failure_of([] {
-                  make_csr(1, 5, {0, 0}, {3, 1}, nullptr);
+                  make_csr(1, 5, {0, 0}, {3, 1}, {});
               }),
               "1: the pairs are not in order");
-    EXPECT_EQ(failure_of([] { make_csr(1, 5, {1}, {3}, nullptr); }),
-              "1: a pair's user is out of range");
+    EXPECT_EQ(failure_of([] { make_csr(1, 5, {1}, {3}, {}); }), "1: a pair's user is out of range");
 }
 
 }  // namespace

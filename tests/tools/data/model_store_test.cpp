@@ -216,6 +216,27 @@ TEST_F(ModelStore, IsRefusedWithTheIdsOfAnotherModel) {
               "4: " + ids_ + ": does not belong to " + path_ + ", expected the ids saved with it");
 }
 
+// A file of a tebibyte, which takes no room on the disk, has to be refused by its first bytes.
+TEST_F(ModelStore, IsRefusedWithOthersIdsOfAnyLength) {
+    constexpr std::uintmax_t kTebibyte = std::uintmax_t{1} << 40U;
+    save(1.0F, "old", path_);
+    save(2.0F, "new", folder_ / "other.zxm");
+    const std::string others = read_file(folder_ / "other.zxm.ids");
+    const struct {
+        std::string start;
+        std::string refusal;
+    } cases[] = {
+        {"", "is no ids file"},
+        {"ZXMODIDS\2", "ids file is of a version that this program does not know"},
+        {others, "does not belong to " + path_ + ", expected the ids saved with it"},
+    };
+    for (const auto& c : cases) {
+        write_file(ids_, c.start);
+        fs::resize_file(ids_, kTebibyte);
+        EXPECT_EQ(stored_at(path_), "4: " + ids_ + ": " + c.refusal);
+    }
+}
+
 TEST_F(ModelStore, IsRefusedWithDamagedIds) {
     save(1.0F, "old", path_);
     const std::string contents = read_file(ids_);
