@@ -38,13 +38,18 @@ struct Vector {
     static Floats repeat_quad(const float* p) {
         return _mm256_broadcast_ps(reinterpret_cast<const __m128*>(p));
     }
+    static void transpose_quads(Floats* v) {
+        const Floats first = _mm256_permute2f128_ps(v[0], v[1], 0x20);
+        v[1] = _mm256_permute2f128_ps(v[0], v[1], 0x31);
+        v[0] = first;
+    }
     static void fold_quads(Floats v, float* out) {
         const Floats t = _mm256_add_ps(v, _mm256_permute_ps(v, 0b01001110));
         const Floats s = _mm256_add_ps(t, _mm256_permute_ps(t, 0b10110001));
         out[0] = _mm256_cvtss_f32(s);
         out[1] = _mm_cvtss_f32(_mm256_extractf128_ps(s, 1));
     }
-    static void transpose_quads(Floats* v) {
+    static void transpose_within_quads(Floats* v) {
         const __m256d a = _mm256_castps_pd(_mm256_unpacklo_ps(v[0], v[1]));
         const __m256d b = _mm256_castps_pd(_mm256_unpackhi_ps(v[0], v[1]));
         const __m256d c = _mm256_castps_pd(_mm256_unpacklo_ps(v[2], v[3]));
@@ -63,6 +68,11 @@ struct Vector {
     }
     static unsigned greater_mask(Floats v, Floats t) {
         return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, t, _CMP_GT_OQ)));
+    }
+    static bool any_equal(const uint32_t* p, uint32_t id) {
+        const __m256i ids = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+        const __m256i equal = _mm256_cmpeq_epi32(ids, _mm256_set1_epi32(static_cast<int>(id)));
+        return _mm256_testz_si256(equal, equal) == 0;
     }
     static Floats clear_negative(Floats v) {
         const __m256i bits = _mm256_castps_si256(v);
@@ -85,12 +95,17 @@ const Operations kAvx2Operations = {
     .fused = true,
     .dot = dot,
     .dot_rows = dot_rows,
+    .dot_gathered = dot_gathered,
     .dot_pairs = dot_pairs,
     .find_greater = find_greater,
+    .count_greater = count_greater,
+    .group_maxima = group_maxima,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
+    .is_identity = is_identity,
+    .contains = contains,
     .transpose = transpose,
     .add_scaled_rows = add_scaled_rows,
     .add_weighted_squares = add_weighted_squares,

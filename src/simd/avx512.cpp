@@ -36,6 +36,16 @@ struct Vector {
         return _mm512_insertf32x4(three, _mm_loadu_ps(p[3]), 3);
     }
     static Floats repeat_quad(const float* p) { return _mm512_broadcast_f32x4(_mm_loadu_ps(p)); }
+    static void transpose_quads(Floats* v) {
+        const Floats low_01 = _mm512_shuffle_f32x4(v[0], v[1], 0x44);
+        const Floats high_01 = _mm512_shuffle_f32x4(v[0], v[1], 0xee);
+        const Floats low_23 = _mm512_shuffle_f32x4(v[2], v[3], 0x44);
+        const Floats high_23 = _mm512_shuffle_f32x4(v[2], v[3], 0xee);
+        v[0] = _mm512_shuffle_f32x4(low_01, low_23, 0x88);
+        v[1] = _mm512_shuffle_f32x4(low_01, low_23, 0xdd);
+        v[2] = _mm512_shuffle_f32x4(high_01, high_23, 0x88);
+        v[3] = _mm512_shuffle_f32x4(high_01, high_23, 0xdd);
+    }
     static void fold_quads(Floats v, float* out) {
         const Floats t = _mm512_add_ps(v, _mm512_permute_ps(v, 0b01001110));
         const Floats s = _mm512_add_ps(t, _mm512_permute_ps(t, 0b10110001));
@@ -43,7 +53,7 @@ struct Vector {
         const __m512i firsts = _mm512_set_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12, 8, 4, 0);
         _mm_storeu_ps(out, _mm512_castps512_ps128(_mm512_permutexvar_ps(firsts, s)));
     }
-    static void transpose_quads(Floats* v) {
+    static void transpose_within_quads(Floats* v) {
         const __m512d a = _mm512_castps_pd(_mm512_unpacklo_ps(v[0], v[1]));
         const __m512d b = _mm512_castps_pd(_mm512_unpackhi_ps(v[0], v[1]));
         const __m512d c = _mm512_castps_pd(_mm512_unpacklo_ps(v[2], v[3]));
@@ -63,6 +73,10 @@ struct Vector {
     }
     static unsigned greater_mask(Floats v, Floats t) {
         return _mm512_cmp_ps_mask(v, t, _CMP_GT_OQ);
+    }
+    static bool any_equal(const uint32_t* p, uint32_t id) {
+        return _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(p),
+                                       _mm512_set1_epi32(static_cast<int>(id))) != 0;
     }
     static Floats clear_negative(Floats v) {
         const __m512i place =
@@ -85,12 +99,17 @@ const Operations kAvx512Operations = {
     .fused = true,
     .dot = dot,
     .dot_rows = dot_rows,
+    .dot_gathered = dot_gathered,
     .dot_pairs = dot_pairs,
     .find_greater = find_greater,
+    .count_greater = count_greater,
+    .group_maxima = group_maxima,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
+    .is_identity = is_identity,
+    .contains = contains,
     .transpose = transpose,
     .add_scaled_rows = add_scaled_rows,
     .add_weighted_squares = add_weighted_squares,

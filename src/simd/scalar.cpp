@@ -20,6 +20,10 @@ void dot_rows(const float* rows, size_t row_count, const float* x, size_t d, flo
     for (size_t r = 0; r < row_count; ++r) out[r] = dot(rows + r * d, x, d);
 }
 
+void dot_gathered(const float* const* rows, size_t count, const float* x, size_t d, float* out) {
+    for (size_t j = 0; j < count; ++j) out[j] = dot(rows[j], x, d);
+}
+
 void dot_pairs(const float* const* a, const float* const* b, size_t count, size_t d, float* out) {
     for (size_t j = 0; j < count; ++j) out[j] = dot(a[j], b[j], d);
 }
@@ -28,6 +32,21 @@ size_t find_greater(const float* values, size_t from, size_t count, float thresh
     size_t i = from;
     while (i < count && !(values[i] > threshold)) ++i;
     return i;
+}
+
+size_t count_greater(const float* values, size_t count, float threshold) {
+    size_t greater = 0;
+    for (size_t i = 0; i < count; ++i) greater += static_cast<size_t>(values[i] > threshold);
+    return greater;
+}
+
+void group_maxima(const float* values, size_t count, size_t groups, float* out) {
+    for (size_t g = 0; g < groups; ++g) out[g] = -__builtin_inff();
+    for (size_t first = 0; first < count; first += groups) {
+        const size_t end = count - first < groups ? count - first : groups;
+        for (size_t g = 0; g < end; ++g)
+            out[g] = values[first + g] > out[g] ? values[first + g] : out[g];
+    }
 }
 
 float dot_16(const float* a, const float* b, size_t d) {
@@ -64,6 +83,18 @@ bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
     uint32_t beyond = 0;
     for (size_t k = 0; k < count; ++k) beyond |= static_cast<uint32_t>(ids[k] >= limit);
     return beyond == 0;
+}
+
+bool is_identity(const uint32_t* ids, size_t count) {
+    uint32_t differing = 0;
+    for (size_t k = 0; k < count; ++k) differing |= ids[k] ^ static_cast<uint32_t>(k);
+    return differing == 0;
+}
+
+bool contains(const uint32_t* ids, size_t count, uint32_t id) {
+    for (size_t k = 0; k < count; ++k)
+        if (ids[k] == id) return true;
+    return false;
 }
 
 void transpose(const float* const* rows, size_t count, size_t d, float* out, size_t stride) {
@@ -153,12 +184,17 @@ const Operations kScalarOperations = {
     .fused = false,
     .dot = dot,
     .dot_rows = dot_rows,
+    .dot_gathered = dot_gathered,
     .dot_pairs = dot_pairs,
     .find_greater = find_greater,
+    .count_greater = count_greater,
+    .group_maxima = group_maxima,
     .dot_two = dot_two,
     .bpr_update = bpr_update,
     .relu = relu,
     .all_below = all_below,
+    .is_identity = is_identity,
+    .contains = contains,
     .transpose = transpose,
     .add_scaled_rows = add_scaled_rows,
     .add_weighted_squares = add_weighted_squares,

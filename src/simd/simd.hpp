@@ -15,8 +15,9 @@
 
 namespace zx::simd {
 
-// How many pairs dot_pairs() takes at a time.
-inline constexpr size_t kPairBatch = 16;
+// How many rows, or pairs of rows, dot_gathered() and dot_pairs() take at a time: a vector's worth.
+// More would do as much work for each, but ask for the rows of later batches in bursts.
+inline constexpr size_t kGatherBatch = 4;
 
 // Matrices of the second group have rows of whole vectors, this many floats or a multiple of it.
 inline constexpr size_t kRowUnit = 16;
@@ -72,13 +73,24 @@ struct Operations {
     // out[r] = dot(row r, x) for consecutive rows of d floats each.
     void (*dot_rows)(const float* rows, size_t row_count, const float* x, size_t d, float* out);
 
-    // out[j] = dot(a[j], b[j]) for j below count, which is at most kPairBatch.
+    // out[j] = dot(rows[j], x) for j below count, which is at most kGatherBatch.
+    void (*dot_gathered)(const float* const* rows, size_t count, const float* x, size_t d,
+                         float* out);
+
+    // out[j] = dot(a[j], b[j]) for j below count, which is at most kGatherBatch.
     void (*dot_pairs)(const float* const* a, const float* const* b, size_t count, size_t d,
                       float* out);
 
     // The first index from `from` on whose value is strictly greater than the threshold; `count`
     // when there is none. A NaN is not greater.
     size_t (*find_greater)(const float* values, size_t from, size_t count, float threshold);
+
+    // How many values are strictly greater than the threshold; a NaN is not.
+    size_t (*count_greater)(const float* values, size_t count, float threshold);
+
+    // out[g] = the greatest of the values at g, g + groups, g + 2 * groups, ...; NaNs are left out,
+    // and minus infinity is what is left of none. There are at least as many values as groups.
+    void (*group_maxima)(const float* values, size_t count, size_t groups, float* out);
 
     // Two dot products of one row: out[0] with p, out[1] with n. Sixteen interleaved partial sums
     // over the first floor(d / 16) * 16 elements, halved four times (s[i] + s[i + 8], then 4, 2,
@@ -95,6 +107,12 @@ struct Operations {
 
     // Whether every id is below the limit. Reads all of them.
     bool (*all_below)(const uint32_t* ids, size_t count, uint32_t limit);
+
+    // Whether every id is its own index. Reads all of them.
+    bool (*is_identity)(const uint32_t* ids, size_t count);
+
+    // Whether one of the ids is this one.
+    bool (*contains)(const uint32_t* ids, size_t count, uint32_t id);
 
     // out[k][j] = rows[j][k] for k below d and j below count, a multiple of kRowUnit. Rows of out
     // are `stride` floats apart.

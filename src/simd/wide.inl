@@ -15,16 +15,20 @@
 //   kQuads                   groups of four lanes in a register
 //   load_quads(p)            four floats from each of kQuads addresses
 //   repeat_quad(p)           four floats, repeated in every group
+//   transpose_quads(v)       of kQuads registers: group j of the i-th and group i of the j-th
+//   change
+//                            places
 //   fold_quads(v, out)       ((s0 + s2) + (s1 + s3)) of every group, kQuads results
-//   transpose_quads(v)       the 4 x 4 floats that four registers have in each group, transposed
+//   transpose_within_quads(v)  the 4 x 4 floats that four registers have in each group, transposed
 //   sum_16(lo or whole)      see dot_two in simd.hpp
 //   greater_mask(v, t)       a bit for each lane that is greater
+//   any_equal(p, id)         whether one of kLanes ids is this one
 //   clear_negative(v)        0 where is_negative(), see simd.hpp, else the lane as it is
 
 namespace {
 
 using Floats = Vector::Floats;
-using zx::simd::kPairBatch;
+using zx::simd::kGatherBatch;
 
 // ((s0 + s2) + (s1 + s3)).
 float fold_quad(__m128 s) {
@@ -46,77 +50,95 @@ float dot(const float* a, const float* b, size_t d) {
     return add_tail(fold_quad(s), a, b, whole, d);
 }
 
-// Four registers of rows in flight hide the latency of the additions, which form one chain for
-// each row.
-constexpr size_t kChains = 4;
-constexpr size_t kRowsInFlight = kChains * Vector::kQuads;
+// kGatherBatch dot products side by side, a group of lanes for each, so that every row keeps its
+// own four sums. Rows are read by whole vectors, each cache line once: reading four floats of every
+// row at a time takes four times the loads, and twice the time where they miss the first cache. The
+// products are turned round in registers instead, and added in the order of k.
+constexpr size_t kChains = kGatherBatch / Vector::kQuads;
 
-// The rows of a group are read side by side, in more streams than the processor's own prefetching
-// follows, so each step fetches its share of the group after next: as many bytes as it reads.
-// Fetching past the table's end does nothing, and the address is a number, since no pointer may go
-// there.
-constexpr size_t kGroupsAhead = 2;
+// Rows that stand anywhere.
+struct GatheredRows {
+    const float* const* rows;
+    Floats block(size_t row, size_t k) const { return Vector::load(rows[row] + k); }
+    Floats quads(size_t chain, size_t k) const {
+        const float* at[Vector::kQuads];
+        for (size_t q = 0; q < Vector::kQuads; ++q) at[q] = rows[chain * Vector::kQuads + q] + k;
+        return Vector::load_quads(at);
+    }
+};
 
-void prefetch_share(const float* group, size_t d, size_t k) {
-    constexpr size_t kLineBytes = 64;
-    constexpr size_t kShareBytes = 4 * kRowsInFlight * sizeof(float);
-    const uintptr_t share = reinterpret_cast<uintptr_t>(group) +
-                            kGroupsAhead * kRowsInFlight * d * sizeof(float) + k / 4 * kShareBytes;
-    for (size_t line = 0; line < kShareBytes; line += kLineBytes)
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): only fetched, never read through
-        __builtin_prefetch(reinterpret_cast<const void*>(share + line));
+// One row in the place of all.
+struct SameRow {
+    const float* x;
+    Floats block(size_t, size_t k) const { return Vector::load(x + k); }
+    Floats quads(size_t, size_t k) const { return Vector::repeat_quad(x + k); }
+};
+
+template <typename Right>
+void dot_batch(const GatheredRows& left, const Right& right, size_t d, float* out) {
+    Floats s[kChains];
+    for (Floats& chain : s) chain = Vector::zero();
+    size_t k = 0;
+    for (; k + Vector::kLanes <= d; k += Vector::kLanes)
+        for (size_t c = 0; c < kChains; ++c) {
+            Floats products[Vector::kQuads];
+            for (size_t q = 0; q < Vector::kQuads; ++q) {
+                const size_t row = c * Vector::kQuads + q;
+                products[q] = Vector::multiply(left.block(row, k), right.block(row, k));
+            }
+            Vector::transpose_quads(products);
+            for (const Floats& product : products) s[c] = Vector::add(s[c], product);
+        }
+    for (; k + 4 <= d; k += 4)
+        for (size_t c = 0; c < kChains; ++c)
+            s[c] = Vector::add(s[c], Vector::multiply(left.quads(c, k), right.quads(c, k)));
+    for (size_t c = 0; c < kChains; ++c) Vector::fold_quads(s[c], out + c * Vector::kQuads);
 }
 
-void dot_rows(const float* rows, size_t row_count, const float* x, size_t d, float* out) {
-    const size_t whole = d / 4 * 4;
-    size_t r = 0;
-    for (; r + kRowsInFlight <= row_count; r += kRowsInFlight) {
-        const float* const group = rows + r * d;
-        Floats s[kChains];
-        for (Floats& chain : s) chain = Vector::zero();
-        for (size_t k = 0; k < whole; k += 4) {
-            prefetch_share(group, d, k);
-            const Floats xk = Vector::repeat_quad(x + k);
-            for (size_t c = 0; c < kChains; ++c) {
-                const float* quads[Vector::kQuads];
-                for (size_t q = 0; q < Vector::kQuads; ++q)
-                    quads[q] = group + (c * Vector::kQuads + q) * d + k;
-                s[c] = Vector::add(s[c], Vector::multiply(Vector::load_quads(quads), xk));
-            }
-        }
-        for (size_t c = 0; c < kChains; ++c) Vector::fold_quads(s[c], out + r + c * Vector::kQuads);
-        if (whole != d)
-            for (size_t i = 0; i < kRowsInFlight; ++i)
-                out[r + i] = add_tail(out[r + i], group + i * d, x, whole, d);
+void dot_gathered(const float* const* rows, size_t count, const float* x, size_t d, float* out) {
+    if (count < kGatherBatch) {
+        for (size_t j = 0; j < count; ++j) out[j] = dot(rows[j], x, d);
+        return;
     }
-    for (; r < row_count; ++r) out[r] = dot(rows + r * d, x, d);
+    dot_batch(GatheredRows{rows}, SameRow{x}, d, out);
+    if (d % 4 != 0)
+        for (size_t j = 0; j < kGatherBatch; ++j)
+            out[j] = add_tail(out[j], rows[j], x, d / 4 * 4, d);
 }
 
 void dot_pairs(const float* const* a, const float* const* b, size_t count, size_t d, float* out) {
-    const size_t whole = d / 4 * 4;
-    size_t j = 0;
-    for (; j + kRowsInFlight <= count; j += kRowsInFlight) {
-        Floats s[kChains];
-        for (Floats& chain : s) chain = Vector::zero();
-        for (size_t k = 0; k < whole; k += 4)
-            for (size_t c = 0; c < kChains; ++c) {
-                const float* quads_a[Vector::kQuads];
-                const float* quads_b[Vector::kQuads];
-                for (size_t q = 0; q < Vector::kQuads; ++q) {
-                    quads_a[q] = a[j + c * Vector::kQuads + q] + k;
-                    quads_b[q] = b[j + c * Vector::kQuads + q] + k;
-                }
-                s[c] = Vector::add(s[c], Vector::multiply(Vector::load_quads(quads_a),
-                                                          Vector::load_quads(quads_b)));
-            }
-        for (size_t c = 0; c < kChains; ++c) Vector::fold_quads(s[c], out + j + c * Vector::kQuads);
-        if (whole != d)
-            for (size_t i = j; i < j + kRowsInFlight; ++i)
-                out[i] = add_tail(out[i], a[i], b[i], whole, d);
+    if (count < kGatherBatch) {
+        for (size_t j = 0; j < count; ++j) out[j] = dot(a[j], b[j], d);
+        return;
     }
-    for (; j < count; ++j) out[j] = dot(a[j], b[j], d);
+    dot_batch(GatheredRows{a}, GatheredRows{b}, d, out);
+    if (d % 4 != 0)
+        for (size_t j = 0; j < kGatherBatch; ++j)
+            out[j] = add_tail(out[j], a[j], b[j], d / 4 * 4, d);
 }
-static_assert(kPairBatch % kRowsInFlight == 0);
+
+// The processor's own prefetching stops at the end of each page, so a batch also fetches the lines
+// this far behind its own. Fetching past the table's end does nothing, and the address is a number,
+// since no pointer may go there.
+constexpr size_t kBytesAhead = 4096;
+
+[[gnu::always_inline]] inline void prefetch_behind(const float* rows, size_t d) {
+    constexpr size_t kLineBytes = 64;
+    const uintptr_t begin = reinterpret_cast<uintptr_t>(rows) + kBytesAhead;
+    for (size_t at = 0; at < kGatherBatch * d * sizeof(float); at += kLineBytes)
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): only fetched, never read through
+        __builtin_prefetch(reinterpret_cast<const void*>(begin + at));
+}
+
+void dot_rows(const float* rows, size_t row_count, const float* x, size_t d, float* out) {
+    for (size_t r = 0; r < row_count; r += kGatherBatch) {
+        const size_t count = row_count - r < kGatherBatch ? row_count - r : kGatherBatch;
+        const float* batch[kGatherBatch];
+        for (size_t i = 0; i < count; ++i) batch[i] = rows + (r + i) * d;
+        prefetch_behind(batch[0], d);
+        dot_gathered(batch, count, x, d, out + r);
+    }
+}
 
 size_t find_greater(const float* values, size_t from, size_t count, float threshold) {
     const Floats t = Vector::broadcast(threshold);
@@ -126,6 +148,27 @@ size_t find_greater(const float* values, size_t from, size_t count, float thresh
             return i + static_cast<size_t>(__builtin_ctz(mask));
     while (i < count && !(values[i] > threshold)) ++i;
     return i;
+}
+
+size_t count_greater(const float* values, size_t count, float threshold) {
+    const Floats t = Vector::broadcast(threshold);
+    size_t greater = 0;
+    size_t i = 0;
+    for (; i + Vector::kLanes <= count; i += Vector::kLanes)
+        greater += static_cast<size_t>(
+            __builtin_popcount(Vector::greater_mask(Vector::load(values + i), t)));
+    for (; i < count; ++i) greater += static_cast<size_t>(values[i] > threshold);
+    return greater;
+}
+
+// The compiler finds the vectors by itself.
+void group_maxima(const float* values, size_t count, size_t groups, float* out) {
+    for (size_t g = 0; g < groups; ++g) out[g] = -__builtin_inff();
+    for (size_t first = 0; first < count; first += groups) {
+        const size_t end = count - first < groups ? count - first : groups;
+        for (size_t g = 0; g < end; ++g)
+            out[g] = values[first + g] > out[g] ? values[first + g] : out[g];
+    }
 }
 
 void dot_two(const float* w, const float* p, const float* n, size_t d, float* out) {
@@ -183,6 +226,25 @@ bool all_below(const uint32_t* ids, size_t count, uint32_t limit) {
     uint32_t beyond = 0;
     for (size_t k = 0; k < count; ++k) beyond |= static_cast<uint32_t>(ids[k] >= limit);
     return beyond == 0;
+}
+
+// As it does here.
+bool is_identity(const uint32_t* ids, size_t count) {
+    uint32_t differing = 0;
+    for (size_t k = 0; k < count; ++k) differing |= ids[k] ^ static_cast<uint32_t>(k);
+    return differing == 0;
+}
+
+// The last vector may overlap the one before it.
+bool contains(const uint32_t* ids, size_t count, uint32_t id) {
+    if (count >= Vector::kLanes) {
+        for (size_t k = 0; k + Vector::kLanes < count; k += Vector::kLanes)
+            if (Vector::any_equal(ids + k, id)) return true;
+        return Vector::any_equal(ids + count - Vector::kLanes, id);
+    }
+    for (size_t k = 0; k < count; ++k)
+        if (ids[k] == id) return true;
+    return false;
 }
 
 }  // namespace

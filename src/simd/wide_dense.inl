@@ -34,7 +34,7 @@ void transpose_square(const float* const* rows, size_t k, float* out, size_t str
             for (size_t q = 0; q < Vector::kQuads; ++q) starts[q] = rows[4 * q + m] + k + column;
             quads[m] = Vector::load_quads(starts);
         }
-        Vector::transpose_quads(quads);
+        Vector::transpose_within_quads(quads);
         for (size_t m = 0; m < 4; ++m) Vector::store(out + (column + m) * stride, quads[m]);
     }
 }

@@ -15,19 +15,20 @@ namespace {
 
 constexpr zx::Module kModule{"src/zx_model"};
 
-// out[j] = dot(user row j, item row j), a batch of pairs at a time while the rows of the next one
-// are on their way.
+// out[j] = dot(user row j, item row j), a batch of pairs at a time while the rows of later ones are
+// on their way.
 void dot_pairs(const zx_model_t& model, const std::uint32_t* users, const std::uint32_t* items,
                std::uint32_t count, float* out) {
-    constexpr std::uint64_t kBatch = zx::simd::kPairBatch;
+    constexpr std::uint64_t kBatch = zx::simd::kGatherBatch;
     const zx::simd::Operations& ops = zx::simd::operations();
     const std::uint64_t d = model.embedding_dim;
     const float* const user_table = model.user_embeddings->data;
     const float* const item_table = model.item_embeddings->data;
     for (std::uint64_t first = 0; first < count; first += kBatch) {
         const std::uint64_t pairs = std::min(kBatch, count - first);
-        const std::uint64_t next_end = std::min<std::uint64_t>(first + 2 * kBatch, count);
-        for (std::uint64_t j = first + kBatch; j < next_end; ++j) {
+        const std::uint64_t fetch_end =
+            std::min<std::uint64_t>(first + zx::kRowsAhead + kBatch, count);
+        for (std::uint64_t j = first + zx::kRowsAhead; j < fetch_end; ++j) {
             zx::prefetch_row<zx::Fetch::kToRead>(user_table + users[j] * d, d);
             zx::prefetch_row<zx::Fetch::kToRead>(item_table + items[j] * d, d);
         }

@@ -1,35 +1,48 @@
-// Scores of a list of items for one user. A list that is exactly 0, 1, 2, ... is scored in place;
-// any other one is gathered first, so that the scoring loop reads memory in sequence.
+// Scores of a list of items for one user. A list that is exactly 0, 1, 2, ... is scored in table
+// order; the rows of any other one are read where they stand.
 
 #include "common/module.hpp"
+#include "common/prefetch.hpp"
 #include "simd/simd.hpp"
 #include "zorvex.h"
 #include "zx_model/scratch.hpp"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
 
 constexpr zx::Module kModule{"src/zx_model"};
 
-// Shorter lists are gathered without a look.
+// Shorter lists are not looked at.
 constexpr std::uint32_t kMinIdentityCount = 16;
 
 bool is_identity(const std::uint32_t* ids, std::uint32_t count) {
-    for (std::uint32_t j = 0; j < count; ++j)
-        if (ids[j] != j) return false;
-    return true;
+    return ids[0] == 0 && zx::simd::operations().is_identity(ids, count);
 }
 
-void gather(const zx_model_t& model, const std::uint32_t* ids, std::uint32_t count, float* slots) {
+// A batch of items at a time, while the rows of later ones are on their way. An item that the
+// model does not have stands for the user row, which is there to be read, and scores 0 whatever
+// that row holds.
+void score_listed(const zx_model_t& model, const float* user_row, const std::uint32_t* ids,
+                  std::uint32_t count, float* scores) {
+    constexpr std::uint64_t kBatch = zx::simd::kGatherBatch;
+    const zx::simd::Operations& ops = zx::simd::operations();
     const std::uint64_t d = model.embedding_dim;
-    const float* const table = model.item_embeddings->data;
-    for (std::uint64_t j = 0; j < count; ++j) {
-        if (ids[j] < model.num_items)
-            std::memcpy(slots + j * d, table + ids[j] * d, d * sizeof(float));
-        else
-            std::memset(slots + j * d, 0, d * sizeof(float));
+    const auto row_of = [&](std::uint32_t id) {
+        return id < model.num_items ? model.item_embeddings->data + id * d : user_row;
+    };
+    for (std::uint64_t first = 0; first < count; first += kBatch) {
+        const std::uint64_t items = std::min(kBatch, count - first);
+        const std::uint64_t fetch_end =
+            std::min<std::uint64_t>(first + zx::kRowsAhead + kBatch, count);
+        for (std::uint64_t j = first + zx::kRowsAhead; j < fetch_end; ++j)
+            zx::prefetch_row<zx::Fetch::kToRead>(row_of(ids[j]), d);
+        const float* rows[kBatch];
+        for (std::uint64_t j = 0; j < items; ++j) rows[j] = row_of(ids[first + j]);
+        ops.dot_gathered(rows, items, user_row, d, scores + first);
     }
+    for (std::uint32_t j = 0; j < count; ++j)
+        if (ids[j] >= model.num_items) scores[j] = 0.0f;
 }
 
 }  // namespace
@@ -44,22 +57,18 @@ zx_status_t zx_model_score_items(zx_model_t* model, uint32_t user_id, const uint
 
     const std::uint64_t d = model->embedding_dim;
     const float* const user_row = model->user_embeddings->data + user_id * d;
-    const float* rows = model->item_embeddings->data;
-    // A longer list than the model has items is gathered: its last ids are out of range.
-    const bool in_place =
-        count >= kMinIdentityCount && count <= model->num_items && is_identity(item_ids, count);
-    if (!in_place) {
+    // A longer list than the model has items is not: its last ids are out of range.
+    if (count >= kMinIdentityCount && count <= model->num_items && is_identity(item_ids, count)) {
+        zx::simd::operations().dot_rows(model->item_embeddings->data, count, user_row, d,
+                                        out_scores);
+    } else {
         if (d != 0 && count > INT64_MAX / d) return ZX_ERR_OVERFLOW;
+        // The record promises room for the rows of the longest list, whether or not a list can be
+        // scored depends on it, and nothing else needs it: copies would be read only once.
         if (!zx::grow(model->gather_buf, model->gather_buf_cap, count * d))
             return ZX_ERR_OUT_OF_MEMORY;
-        gather(*model, item_ids, count, model->gather_buf);
-        rows = model->gather_buf;
+        score_listed(*model, user_row, item_ids, count, out_scores);
     }
-    zx::simd::operations().dot_rows(rows, count, user_row, d, out_scores);
-    // Zeros times a user row that is not finite would be NaN.
-    if (!in_place)
-        for (std::uint32_t j = 0; j < count; ++j)
-            if (item_ids[j] >= model->num_items) out_scores[j] = 0.0f;
 
     if (!model->use_bias) return ZX_OK;
     const float user_part = model->user_biases->data[user_id] + model->global_bias;

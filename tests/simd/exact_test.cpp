@@ -113,15 +113,37 @@ TEST(SimdDotRows, GivesEachRowTheBitsOfItsOwnDotProduct) {
     }
 }
 
+TEST(SimdDotGathered, GivesEachRowTheBitsOfItsOwnDotProduct) {
+    RandomNumbers random(7);
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (std::size_t d = 0; d <= kMaxLength; ++d) {
+            const Shifted table(random.floats(20 * d, -1, 1), d % 4);
+            const Shifted x(random.floats(d, -1, 1), (d + 1) % 4);
+            for (std::size_t count = 0; count <= simd::kGatherBatch; ++count) {
+                const float* rows[simd::kGatherBatch];
+                std::vector<float> out(count + 1, kGuard);
+                std::vector<float> expected(count + 1, kGuard);
+                for (std::size_t j = 0; j < count; ++j) {
+                    rows[j] = table.begin + random.below(20) * d;
+                    expected[j] = reference_dot(rows[j], x.begin, d);
+                }
+                ops->dot_gathered(rows, count, x.begin, d, out.data());
+                EXPECT_TRUE(same_numbers(out, expected)) << count << " rows of " << d;
+            }
+        }
+    }
+}
+
 TEST(SimdDotPairs, GivesEachPairTheBitsOfItsOwnDotProduct) {
     RandomNumbers random(3);
     for (const simd::Operations* ops : variants()) {
         SCOPED_TRACE(ops->name);
         for (std::size_t d = 0; d <= kMaxLength; ++d) {
             const Shifted table(random.floats(20 * d, -1, 1), d % 4);
-            for (std::size_t count = 0; count <= simd::kPairBatch; ++count) {
-                const float* a[simd::kPairBatch];
-                const float* b[simd::kPairBatch];
+            for (std::size_t count = 0; count <= simd::kGatherBatch; ++count) {
+                const float* a[simd::kGatherBatch];
+                const float* b[simd::kGatherBatch];
                 std::vector<float> out(count + 1, kGuard);
                 std::vector<float> expected(count + 1, kGuard);
                 for (std::size_t j = 0; j < count; ++j) {
@@ -174,6 +196,47 @@ TEST(SimdFindGreater, ComparesStrictlyAndNeverWithNaN) {
         EXPECT_EQ(ops->find_greater(infinite.data(), 3, 40, kNaN), 40u);
         const std::vector<float> zeros(40, 0.0f);
         EXPECT_EQ(ops->find_greater(zeros.data(), 0, 40, -0.0f), 40u);
+    }
+}
+
+TEST(SimdCountGreater, CountsStrictlyGreaterOnesOnly) {
+    RandomNumbers random(8);
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (std::size_t count = 0; count <= kMaxLength; ++count) {
+            // The number behind those that are asked for is greater, and must not count.
+            std::vector<float> numbers(count + 1, 9.0f);
+            std::size_t expected = 0;
+            for (std::size_t i = 0; i < count; ++i) {
+                constexpr float kValues[] = {1.0f, 2.0f, 3.0f, kNaN, -kInfinity, kInfinity};
+                numbers[i] = kValues[random.below(6)];
+                if (numbers[i] == 3.0f || numbers[i] == kInfinity) ++expected;
+            }
+            EXPECT_EQ(ops->count_greater(numbers.data(), count, 2.0f), expected) << count;
+            EXPECT_EQ(ops->count_greater(numbers.data(), count, kInfinity), 0u);
+            EXPECT_EQ(ops->count_greater(numbers.data(), count, kNaN), 0u);
+        }
+    }
+}
+
+TEST(SimdGroupMaxima, TakesEveryGroupsGreatestAndNoNaN) {
+    RandomNumbers random(9);
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (const std::size_t groups : {1u, 3u, 16u, 33u, 64u}) {
+            for (std::size_t count = groups; count <= 3 * groups + 5; ++count) {
+                Shifted values(random.floats(count, -1, 1), count % 4);
+                for (std::size_t i = 0; i < count; i += 5) values.begin[i] = kNaN;
+                std::vector<float> expected(groups + 1, -kInfinity);
+                for (std::size_t i = 0; i < count; ++i)
+                    if (values.begin[i] > expected[i % groups])
+                        expected[i % groups] = values.begin[i];
+                std::vector<float> out(groups + 1, kGuard);
+                expected.back() = kGuard;
+                ops->group_maxima(values.begin, count, groups, out.data());
+                EXPECT_TRUE(same_numbers(out, expected)) << count << " in " << groups;
+            }
+        }
     }
 }
 
@@ -310,6 +373,43 @@ TEST(SimdAllBelow, FindsAnIdBeyondTheLimitWhereverItStands) {
         const std::uint32_t none = 0;
         EXPECT_FALSE(ops->all_below(&none, 1, 0));
         EXPECT_TRUE(ops->all_below(nullptr, 0, 0));
+    }
+}
+
+TEST(SimdIsIdentity, FindsAnIdOutOfPlaceWhereverItStands) {
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (std::size_t count = 0; count <= kMaxLength; ++count) {
+            // The number behind those that are asked for is out of place, and must not count.
+            std::vector<std::uint32_t> ids(count + 1);
+            for (std::size_t k = 0; k < count; ++k) ids[k] = static_cast<std::uint32_t>(k);
+            ids[count] = 1000;
+            EXPECT_TRUE(ops->is_identity(ids.data(), count)) << count;
+            for (std::size_t place = 0; place < count; ++place) {
+                ids[place] ^= 0x80000000u;
+                EXPECT_FALSE(ops->is_identity(ids.data(), count)) << place << " of " << count;
+                ids[place] ^= 0x80000000u;
+            }
+        }
+    }
+}
+
+TEST(SimdContains, FindsAnIdWhereverItStands) {
+    for (const simd::Operations* ops : variants()) {
+        SCOPED_TRACE(ops->name);
+        for (const std::uint32_t id : {0u, 7u, 0x80000000u, 0xffffffffu}) {
+            for (std::size_t count = 0; count <= kMaxLength; ++count) {
+                // Those before and behind the ones that are asked for must not count.
+                std::vector<std::uint32_t> ids(count + 2, id + 1);
+                ids.front() = ids.back() = id;
+                EXPECT_FALSE(ops->contains(ids.data() + 1, count, id)) << count;
+                for (std::size_t place = 1; place <= count; ++place) {
+                    ids[place] = id;
+                    EXPECT_TRUE(ops->contains(ids.data() + 1, count, id)) << place;
+                    ids[place] = id + 1;
+                }
+            }
+        }
     }
 }
 
