@@ -7,6 +7,7 @@
 #include "top_k.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -42,6 +43,87 @@ TEST(Recommend, ReturnsBestItemsFirst) {
         EXPECT_EQ(zx_recommend(model.get(), 0, c.k, out.items.data(), out.scores.data()), ZX_OK);
         EXPECT_TRUE(matches(out, c.expected));
         expect_untouched();
+    }
+}
+
+// Many distinct scores need no heap, but nobody may see that. The numbers lie on both sides of
+// every bound of the shorter way: how many are wanted, and of how many.
+TEST(Recommend, SelectsFromManyScoresAsTheHeapDoes) {
+    RandomNumbers random(21);
+    for (const std::size_t count : {1023u, 1024u, 1025u, 5000u}) {
+        std::vector<float> scores = random.floats(count, -1, 1);
+        const ModelPtr model = model_with_scores(scores);
+        ASSERT_NE(model, nullptr);
+        for (const std::uint32_t k : {1u, 23u, 24u, 25u, 100u, 127u, 128u, 129u, 1024u}) {
+            SCOPED_TRACE(testing::Message() << k << " of " << count);
+            expect_reference_top(model.get(), scores, k);
+        }
+    }
+}
+
+TEST(Recommend, LeavesWhatIsNotDistinctAmongManyScoresToTheHeap) {
+    RandomNumbers random(22);
+    constexpr std::uint32_t kWanted = 100;
+    const std::vector<float> distinct = random.floats(5000, -1, 1);
+    std::vector<float> descending = distinct;
+    std::sort(descending.rbegin(), descending.rend());
+    const auto with_copies_of = [&](float score, std::size_t copies) {
+        std::vector<float> scores = distinct;
+        for (std::size_t i = 0; i < copies; ++i) scores[37 * i + 11] = score;
+        return scores;
+    };
+    const auto of_few_values = [&](std::uint32_t values) {
+        std::vector<float> scores(5000);
+        for (float& score : scores) score = static_cast<float>(random.below(values));
+        return scores;
+    };
+    const struct {
+        const char* when;
+        std::vector<float> scores;
+    } cases[] = {
+        {"the best is tied", with_copies_of(descending[0], 3)},
+        {"one in the middle is tied", with_copies_of(descending[50], 2)},
+        {"the last that is taken is tied with the next", with_copies_of(descending[99], 4)},
+        {"only those behind the last are tied", with_copies_of(descending[150], 4)},
+        {"more are tied at the top than are wanted", with_copies_of(2.0f, 130)},
+        {"all are equal", std::vector<float>(5000, 3.0f)},
+        {"all are minus infinity", std::vector<float>(5000, -kInfinity)},
+        {"all are NaN", std::vector<float>(5000, kNaN)},
+        {"few values", of_few_values(30)},
+        {"some hundred values", of_few_values(700)},
+        {"zeros at the top",
+         [&] {
+             std::vector<float> scores = distinct;
+             for (float& score : scores) score = -std::fabs(score);
+             for (std::size_t i = 0; i < 90; ++i) scores[50 * i] = 0.0f;
+             return scores;
+         }()},
+        {"infinities at both ends",
+         [&] {
+             std::vector<float> scores = distinct;
+             for (std::size_t i = 0; i < 4000; ++i) scores[i] = -kInfinity;
+             scores[4500] = kInfinity;
+             return scores;
+         }()},
+        {"fewer numbers than are wanted",
+         [&] {
+             std::vector<float> scores(5000, -kInfinity);
+             for (std::size_t i = 0; i < 60; ++i) scores[80 * i] = distinct[i];
+             return scores;
+         }()},
+        {"NaN among the first", with_copies_of(kNaN, 2)},
+        {"NaN behind the first",
+         [&] {
+             std::vector<float> scores = distinct;
+             for (std::size_t i = 100; i < 5000; i += 3) scores[i] = kNaN;
+             return scores;
+         }()},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.when);
+        const ModelPtr model = model_with_scores(c.scores);
+        ASSERT_NE(model, nullptr);
+        expect_reference_top(model.get(), c.scores, kWanted);
     }
 }
 
