@@ -1,28 +1,16 @@
-// The compressed sparse row matrix. The caller fills its arrays, so a matrix may be anything until
-// zx_sparse_validate() has said otherwise: every reader takes a row's range from row_range(), which
-// keeps it inside the arrays.
+// The compressed sparse row matrix.
 
 #include "common/module.hpp"
 #include "common/owned.hpp"
 #include "common/refcount.hpp"
 #include "zorvex.h"
+#include "zx_memory/sparse_row.hpp"
 
 #include <algorithm>
 
 namespace {
 
 constexpr zx::Module kModule{"src/zx_memory"};
-
-struct Range {
-    std::uint32_t begin;
-    std::uint32_t end;
-};
-
-// Where a row's entries stand. A valid matrix's range is returned as it is.
-Range row_range(const zx_sparse_t& matrix, std::uint32_t row) {
-    const std::uint32_t end = std::min(matrix.row_ptr[row + 1], matrix.nnz);
-    return {std::min(matrix.row_ptr[row], end), end};
-}
 
 void free_arrays(zx_sparse_t& matrix) {
     zx_free_aligned(matrix.values);
@@ -84,7 +72,7 @@ zx_tensor_t* zx_sparse_to_dense(const zx_sparse_t* matrix) {
     zx_tensor_t* const dense = zx_tensor_zeros_2d(matrix->rows, matrix->cols);
     if (!dense) return nullptr;
     for (std::uint32_t row = 0; row < matrix->rows; ++row) {
-        const Range range = row_range(*matrix, row);
+        const zx::Range range = zx::row_range(*matrix, row);
         for (std::uint32_t i = range.begin; i < range.end; ++i)
             // An entry out of range is refused there, and so left out.
             (void)zx_tensor_set_2d(dense, row, matrix->col_idx[i], matrix->values[i]);
@@ -94,16 +82,7 @@ zx_tensor_t* zx_sparse_to_dense(const zx_sparse_t* matrix) {
 
 float zx_sparse_get(const zx_sparse_t* matrix, uint32_t row, uint32_t col) {
     if (!matrix || row >= matrix->rows || col >= matrix->cols) return 0.0f;
-    auto [lo, hi] = row_range(*matrix, row);
-    while (lo < hi) {
-        const std::uint32_t mid = lo + (hi - lo) / 2;
-        if (matrix->col_idx[mid] == col) return matrix->values[mid];
-        if (matrix->col_idx[mid] < col)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return 0.0f;
+    return zx::value_at(*matrix, zx::row_range(*matrix, row), col);
 }
 
 uint32_t* zx_sparse_row_ptr(const zx_sparse_t* matrix) {
@@ -120,14 +99,14 @@ float* zx_sparse_values(const zx_sparse_t* matrix) {
 
 uint32_t zx_sparse_row_nnz(const zx_sparse_t* matrix, uint32_t row) {
     if (!matrix || row >= matrix->rows) return 0;
-    const Range range = row_range(*matrix, row);
+    const zx::Range range = zx::row_range(*matrix, row);
     return range.end - range.begin;
 }
 
 zx_status_t zx_sparse_get_row(const zx_sparse_t* matrix, uint32_t row, uint32_t* cols_out,
                               float* vals_out, uint32_t* count_out) {
     if (!matrix || row >= matrix->rows) return ZX_ERR_INDEX_OUT_OF_BOUNDS;
-    const Range range = row_range(*matrix, row);
+    const zx::Range range = zx::row_range(*matrix, row);
     const std::uint32_t count = range.end - range.begin;
     if (count_out) *count_out = count;
     if (!cols_out || !vals_out || count == 0) return ZX_OK;

@@ -3,6 +3,7 @@
 #include "common/owned.hpp"
 #include "zorvex.h"
 #include "zx_engine/rng.hpp"
+#include "zx_memory/sparse_row.hpp"
 
 #include <algorithm>
 
@@ -10,6 +11,38 @@ namespace {
 
 // Bounds the search for users who have interacted with nearly everything.
 constexpr int kMaxDraws = 100;
+
+// How many users ahead their rows are fetched, and twice as many ahead where these stand.
+constexpr std::uint32_t kPrefetchDistance = 16;
+
+// Where the positives of a user stand; a user without a row has none.
+zx::Range positives_of(const zx_sparse_t& positives, std::uint32_t user) {
+    return user < positives.rows ? zx::row_range(positives, user) : zx::Range{0, 0};
+}
+
+// Always the same number of lines, which costs less than guessing how many a row has; where that is
+// more, the processor's own prefetching finds the rest. `users` has `left` ones, the present one
+// first.
+[[gnu::always_inline]] inline void prefetch_positives(const zx_sparse_t& positives,
+                                                      const std::uint32_t* users,
+                                                      std::uint32_t left) {
+    constexpr std::uint64_t kLineEntries = 16;
+    constexpr std::uint64_t kLines = 4;
+    if (left > 2 * kPrefetchDistance && users[2 * kPrefetchDistance] < positives.rows)
+        __builtin_prefetch(positives.row_ptr + users[2 * kPrefetchDistance]);
+    if (left <= kPrefetchDistance || positives.nnz == 0) return;
+    const std::uint64_t begin = positives_of(positives, users[kPrefetchDistance]).begin;
+    const std::uint64_t last = positives.nnz - 1;
+    for (std::uint64_t line = 0; line < kLines; ++line)
+        __builtin_prefetch(positives.col_idx + std::min(begin + line * kLineEntries, last));
+}
+
+// A stored 0 and a NaN count as no interaction.
+bool is_positive(const zx_sparse_t& positives, zx::Range row, std::uint32_t item) {
+    if (item >= positives.cols) return false;
+    const float value = zx::value_at(positives, row, item);
+    return value < 0.0f || value > 0.0f;
+}
 
 }  // namespace
 
@@ -48,12 +81,10 @@ void zx_sample_negatives_uniform(const zx_sparse_t* positives, const uint32_t* u
     for (std::uint32_t i = 0; i < count; ++i) {
         std::uint32_t item = draw();
         if (positives) {
-            // A stored 0 and a NaN count as no interaction.
-            const auto is_positive = [&] {
-                const float value = zx_sparse_get(positives, users[i], item);
-                return value < 0.0f || value > 0.0f;
-            };
-            for (int draws = 1; draws < kMaxDraws && is_positive(); ++draws) item = draw();
+            prefetch_positives(*positives, users + i, count - i);
+            const zx::Range row = positives_of(*positives, users[i]);
+            for (int draws = 1; draws < kMaxDraws && is_positive(*positives, row, item); ++draws)
+                item = draw();
         }
         out_items[i] = item;
     }

@@ -4,11 +4,14 @@
 #include "error_record.hpp"
 #include "failing_allocator.hpp"
 #include "owned.hpp"
+#include "random_numbers.hpp"
 #include "sparse_matrices.hpp"
 #include "zorvex.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -315,6 +318,36 @@ TEST(SparseWithInvalidRows, StaysWithinItsArrays) {
             }
         }
         expect_untouched();
+    }
+}
+
+// The search as it is stated: in a row that is not sorted, or has columns twice, its probes decide.
+float stated_search(const zx_sparse_t& matrix, std::uint32_t col) {
+    std::uint32_t lo = matrix.row_ptr[0];
+    std::uint32_t hi = matrix.row_ptr[1];
+    while (lo < hi) {
+        const std::uint32_t mid = lo + (hi - lo) / 2;
+        if (matrix.col_idx[mid] == col) return matrix.values[mid];
+        (matrix.col_idx[mid] < col ? lo : hi) = matrix.col_idx[mid] < col ? mid + 1 : mid;
+    }
+    return 0.0f;
+}
+
+TEST(SparseWithInvalidRows, ProbesRowsOfAnyLengthAsStated) {
+    zx::test::RandomNumbers random(31);
+    for (const std::uint32_t length : {1u, 15u, 17u, 100u, 255u, 256u, 257u, 700u, 3000u}) {
+        for (const std::uint32_t swaps : {0u, 3u, 50u}) {
+            SCOPED_TRACE(testing::Message() << length << " entries, " << swaps << " misplaced");
+            Ids columns = random.ids(length, length);
+            std::sort(columns.begin(), columns.end());
+            for (std::uint32_t i = 0; i < swaps; ++i)
+                std::swap(columns[random.below(length)], columns[random.below(length)]);
+            Numbers values(length);
+            for (std::uint32_t i = 0; i < length; ++i) values[i] = static_cast<float>(i + 1);
+            const SparsePtr matrix = sparse_of(length, {0, length}, columns, values);
+            for (std::uint32_t col = 0; col < length; ++col)
+                ASSERT_EQ(zx_sparse_get(matrix.get(), 0, col), stated_search(*matrix, col)) << col;
+        }
     }
 }
 

@@ -135,6 +135,21 @@ TEST(SampleNegatives, RejectsPositives) {
     }
 }
 
+// Rows from none to thousands of entries, and more users than are looked at ahead.
+TEST(SampleNegatives, RejectsPositivesInRowsOfAnyLength) {
+    RandomNumbers random(8);
+    constexpr std::uint32_t kItems = 4000;
+    std::vector<Entry> entries;
+    for (std::uint32_t row = 0; row < 12; ++row)
+        for (std::uint32_t col = 0; col < kItems; ++col)
+            if (random.below(kItems) < (1u << row)) entries.push_back({row, col, 1.0f});
+    const SparsePtr positives = csr(14, kItems, entries);
+    ASSERT_NE(positives, nullptr);
+    Ids users = random.ids(200, 16);
+    users[190] = 0xffffffffu;
+    expect_reference_sample(ReferenceRng(8).state(), positives.get(), &entries, users, kItems);
+}
+
 TEST(SampleNegatives, TakesStoredZerosAndNaNForNoInteraction) {
     const std::vector<Entry> entries = {
         {0, 0, 0.0f},  {0, 1, -0.0f},     {0, 2, kNaN},       {0, 3, 1.0f},
