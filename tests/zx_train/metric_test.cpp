@@ -101,6 +101,23 @@ TEST(HitRate, TakesAllDrawsForABestItemAndStopsEarlyForAMiss) {
     EXPECT_EQ(generator_state(), draws.state());
 }
 
+// The generator stands behind the last draw that a pair needed, wherever in a batch that was.
+TEST(HitRate, TakesNoDrawThatNoPairNeeded) {
+    RandomNumbers random(14);
+    const ModelPtr model = random_model({12, 40, 6, false}, random);
+    ASSERT_NE(model, nullptr);
+    for (std::uint64_t seed = 0; seed < 50; ++seed) {
+        SCOPED_TRACE(seed);
+        const Ids users = random.ids(1 + seed % 4, 12);
+        const Ids items = random.ids(1 + seed % 4, 40);
+        zx_rng_seed(seed);
+        ReferenceRng reference(seed);
+        const float expected = reference_hit_rate(*model, users, items, 3, reference);
+        EXPECT_TRUE(same_number(hit_rate(*model, users, items, 3), expected));
+        EXPECT_EQ(generator_state(), reference.state());
+    }
+}
+
 TEST(HitRate, IgnoresBiases) {
     const ModelPtr model(zx_model_mf_create(1, 3, 1, true));
     ASSERT_NE(model, nullptr);
