@@ -949,8 +949,8 @@ ZX_API zx_status_t zx_recommend(zx_model_t* model, uint32_t user_id, uint32_t k,
  *
  * A score is dot(user row, item row), see zx_model_score(), for a model with biases (item bias +
  * dot) + (user bias + global bias). A list of 16 or more ids that is exactly 0, 1, 2, ... within
- * the model needs nothing else; for any other list the model's scratch grows to hold the rows, which
- * are read where they stand.
+ * the model needs nothing else; for any other list the model's scratch grows to hold the rows,
+ * which are read where they stand.
  *
  * @param model       MF model; its scratch array is written.
  * @param user_id     the user.
