@@ -1,4 +1,5 @@
-// What the machine allows, measured when first asked for and kept for the run.
+// What the machine allows. Every floor is measured when it is asked for, close to the case that is
+// compared with it, with the vectors and the prefetch distance that turn out quickest.
 #pragma once
 
 #include <cstddef>
@@ -11,23 +12,42 @@ namespace zxbench {
 // the machine does weighs less.
 double processor_seconds();
 
-// Bytes per second when a block of this many bytes is read again and again, in order.
-double read_bandwidth(std::size_t bytes);
-
-// Floating-point operations per second of one core's fused multiply-adds.
+// Floating-point operations per second of one core's fused multiply-adds on vectors of 16, 32 or 64
+// bytes, and the highest of the three.
+double multiply_add_rate(std::size_t vector_bytes);
 double multiply_add_peak();
 
-// Seconds for reading and writing back three rows of d floats for each triple, without any
-// arithmetic that depends on another triple: the memory side of a BPR step. The rows of later
-// triples are prefetched.
+// Seconds for reading a block once, in whatever order is quickest.
+double read_seconds(const void* block, std::size_t bytes);
+
+// Seconds for reading rows of d floats, d a multiple of 16, by their ids. Nothing is prefetched
+// with an `ahead` of 0, otherwise the row so many ids ahead.
+double row_read_seconds(const float* table, std::size_t d, const std::vector<std::uint32_t>& ids,
+                        std::size_t ahead);
+
+// Seconds for reading a user's and an item's row of d floats, 64 or 128, for each pair; the best
+// distance of prefetch.
+double row_pair_seconds(const float* users, const float* items, std::size_t d,
+                        const std::vector<std::uint32_t>& user_ids,
+                        const std::vector<std::uint32_t>& item_ids);
+
+// Seconds for reading and writing back three rows of d floats, 64 or 128, for each triple, without
+// any arithmetic that depends on another triple: the memory side of a BPR step. The rows keep their
+// values.
 double row_update_seconds(float* users, float* items, std::size_t d,
                           const std::vector<std::uint32_t>& user_ids,
                           const std::vector<std::uint32_t>& pos_items,
                           const std::vector<std::uint32_t>& neg_items);
 
-// Seconds for reading two rows of d floats for each pair, prefetched likewise.
-double row_pair_seconds(const float* users, const float* items, std::size_t d,
-                        const std::vector<std::uint32_t>& user_ids,
-                        const std::vector<std::uint32_t>& item_ids);
+// Seconds for so many draws of the generator, their sum kept, and for writing them to memory that
+// nobody has touched before, which is given back.
+double draw_seconds(std::size_t count);
+double draw_into_fresh_memory_seconds(std::size_t count);
+
+// Seconds for touching fresh memory of this size and giving it back.
+double fresh_memory_seconds(std::size_t bytes);
+
+// Seconds for reading a file of this size, which the system has in memory, into fresh memory.
+double read_file_into_fresh_memory_seconds(const char* path, std::size_t bytes);
 
 }  // namespace zxbench
