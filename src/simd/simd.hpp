@@ -144,7 +144,8 @@ struct Operations {
     // Solves systems side by side, which hides how long each step of a small one takes. The
     // results are those of one at a time: a = U' D^-1 U without pivoting (Golub, Van Loan, "Matrix
     // Computations", 4.1), every element changed in the order of the pivots, then the two
-    // substitutions. A pivot that is not positive is not looked for; its reciprocal tells.
+    // substitutions. A pivot that is not positive is not looked for; its reciprocal, which is not
+    // positive or not finite, tells.
     void (*solve_positive)(const PositiveSystem* systems, size_t count);
 };
 

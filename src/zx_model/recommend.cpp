@@ -46,8 +46,8 @@ void sift_down(zx_scored_item_t* heap, std::uint32_t p, std::uint32_t size) {
     }
 }
 
-// Leaves the k best of the scores in the heap; an item that only equals the
-// k-th best so far is not taken.
+// Leaves the k best of the scores in the heap; an item that only equals the k-th best so far is not
+// taken.
 void keep_best(const float* scores, std::uint32_t count, zx_scored_item_t* heap, std::uint32_t k) {
     for (std::uint32_t j = 0; j < k; ++j) heap[j] = {scores[j], j};
     for (std::uint32_t p = k / 2; p-- > 0;) sift_down(heap, p, k);
@@ -73,7 +73,7 @@ void drain_best_first(zx_scored_item_t* heap, std::uint32_t k, std::uint32_t* ou
     }
 }
 
-// For fewer the heap is as fast; of more, too few groups would be above the threshold.
+// For fewer the heap is as fast; for more, the threshold of so many groups lets too many scores by.
 constexpr std::uint32_t kMinSorted = 24;
 constexpr std::uint32_t kMaxSorted = 128;
 constexpr std::uint32_t kGroups = 8 * kMaxSorted;

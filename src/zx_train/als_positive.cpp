@@ -23,10 +23,11 @@
 // complement S of A with its rows exchanged, of order d - k. The inverse of S is a block of the
 // inverse of that matrix, so no singular value of S is smaller than A's smallest. Its first column
 // therefore has a length of lambda at least, and its largest element, which is the pivot, is
-// lambda / sqrt(d) at least. With kMinRegularization and d up to 4096 that is 10,000 times the
-// 1e-10 below which a pivot is skipped. Rounding moves the elements by some units in the last place
-// of the largest one; kMaxRatio keeps A's smallest singular value, for which there is a bound from
-// the factorisation, well above that. Every other row is left to the elimination.
+// lambda / sqrt(d) at least. With kMinRegularization that is above the 1e-10 below which a pivot is
+// skipped for every d that there is memory for, and 10,000 times as much up to d = 4096. Rounding
+// moves the elements by some units in the last place of the largest one; kMaxRatio keeps A's
+// smallest singular value, for which there is a bound from the factorisation, well above that.
+// Every other row is left to the elimination.
 
 #include "zx_train/als_positive.hpp"
 
@@ -43,9 +44,13 @@ namespace {
 constexpr float kMinRegularization = 1e-4f;
 constexpr float kMaxRatio = 0x1p18f;
 
-// Weights whose reciprocals and products with the table's numbers are normal numbers.
+// Weights whose reciprocals are normal numbers, and which leave a smaller system well enough
+// conditioned even where a row has the same entry, or equal ones, more than once.
 constexpr float kMinWeight = 0x1p-40f;
-constexpr float kMaxWeight = 0x1p40f;
+constexpr float kMaxWeight = 0x1p20f;
+
+// Elements of the Gram matrix whose products are numbers.
+constexpr float kMaxDiagonal = 0x1p40f;
 
 // Columns of a product that are worked on at a time, to leave out the zeros of triangles.
 constexpr std::uint64_t kSlice = 32;
@@ -210,7 +215,7 @@ void PositiveSystems::prepare(const FixedSide& fixed) {
     for (std::uint64_t k = 0; k < d_; ++k) {
         const float element = fixed.gram[k * stride_ + k];
         // Not a number, or beyond the numbers: what then happens is the elimination's.
-        if (!(element <= kMaxWeight)) {
+        if (!(element <= kMaxDiagonal)) {
             largest_diagonal_ = std::numeric_limits<float>::infinity();
             return;
         }
@@ -317,13 +322,14 @@ void PositiveSystems::build_long(const Row& row, simd::PositiveSystem& system) {
     std::memcpy(system.a, fixed_.gram, stride_ * stride_ * sizeof(float));
     for (std::uint64_t k = d_; k < stride_; ++k) system.a[k * stride_ + k] = 1.0f;
     std::fill_n(system.b, stride_, 0.0f);
-    for (std::uint32_t first = 0; first < row.count; first += kPanelRows) {
+    for (std::uint32_t first = 0; first < row.count;) {
         const std::uint32_t count = std::min(row.count - first, kPanelRows);
         fetch(row, first + count);
         gather(row, first, count);
         ops.add_weighted_squares(system.a, rows_.get(), weights_.get(), count, stride_, panel_);
         for (std::uint32_t i = 0; i < count; ++i) weights_[i] += 1.0f;
         ops.add_scaled_rows(system.b, rows_.get(), weights_.get(), count, stride_);
+        first += count;
     }
 }
 
@@ -347,8 +353,9 @@ void PositiveSystems::solve_group(const Row* rows, std::uint32_t count, float** 
     simd::operations().solve_positive(systems_, count);
     for (std::uint32_t i = 0; i < count; ++i) {
         const simd::PositiveSystem& system = systems_[i];
-        const bool solved = std::all_of(system.reciprocals, system.reciprocals + system.size,
-                                        [](float reciprocal) { return reciprocal > 0.0f; });
+        const bool solved = std::all_of(
+            system.reciprocals, system.reciprocals + system.size,
+            [](float reciprocal) { return reciprocal > 0.0f && std::isfinite(reciprocal); });
         if (!solved)  // by rounding
             solutions[i] = nullptr;
         else if (is_short(rows[i]))

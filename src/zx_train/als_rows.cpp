@@ -23,7 +23,7 @@ void HalfEpoch::fill_gram() {
     const std::uint64_t stride = padded(d);
     float* const gram = gram_.get();
     std::fill_n(gram, stride * stride, 0.0f);
-    for (std::uint32_t first = 0; first < fixed_.rows; first += kPanelRows) {
+    for (std::uint32_t first = 0; first < fixed_.rows;) {
         const std::uint32_t count = std::min(fixed_.rows - first, kPanelRows);
         for (std::uint64_t i = 0; i < count; ++i)
             std::memcpy(panel_.get() + i * stride, fixed_.table + (first + i) * d,
@@ -38,6 +38,7 @@ void HalfEpoch::fill_gram() {
                                                .rows = stride,
                                                .columns = stride,
                                                .first_row = 0});
+        first += count;
     }
     for (std::uint64_t k = 0; k < d; ++k) {
         for (std::uint64_t l = 0; l < k; ++l) gram[k * stride + l] = gram[l * stride + k];

@@ -169,6 +169,32 @@ TEST(AlsRows, AreThoseOfTheEliminationForEveryWeight) {
     }
 }
 
+// Weights that leave nothing of the regularisation beside them, on entries that cannot be told
+// apart: a smaller system would have no pivot left. Of the largest weights not even the elimination
+// makes much.
+TEST(AlsRows, StayFiniteForEqualEntriesOfEnormousWeight) {
+    for (const float square : {6.530761e-5f, 2.6123e-4f, 1.306e-4f})
+        for (const float alpha : {1e5f, 1e6f, 501244854.0f, 2004979420.57f}) {
+            constexpr std::uint32_t kDim = 256;
+            const ModelPtr model(zx_model_mf_create(1, 2, kDim, false));
+            ASSERT_NE(model, nullptr);
+            fill(model->item_embeddings,
+                 std::vector<float>(std::size_t{2} * kDim, std::sqrt(square)));
+            AlsTables<double> exact = als_tables<double>(*model);
+            const std::vector<Entry> entries = {{0, 0, 1.0f}, {0, 0, 1.0f}, {0, 1, 1.0f}};
+            als_half(exact.users, exact.items, kDim, entries, double{alpha}, 1.0);
+            const SparsePtr matrix = csr(1, 2, entries);
+            ASSERT_EQ(zx_model_train_als_epoch(model.get(), matrix.get(), 1, alpha, 1.0f), ZX_OK);
+            for (std::uint32_t k = 0; k < kDim; ++k) {
+                const float solved = model->user_embeddings->data[k];
+                ASSERT_TRUE(std::isfinite(solved)) << "alpha " << alpha << ", square " << square;
+                if (alpha > 1e6f) continue;
+                ASSERT_NEAR(solved, exact.users[k], 0.02 * std::fabs(exact.users[k]))
+                    << "alpha " << alpha << ", square " << square;
+            }
+        }
+}
+
 TEST(AlsRows, AreThoseOfTheEliminationForEveryTable) {
     constexpr std::uint32_t kDim = 24;
     for (const float number : {NAN, INFINITY, -INFINITY, 1e30f}) {
