@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing from Debian 12: scripts/dependencies.sh build|test
+# Installs what is missing from Debian 12: scripts/dependencies.sh build|test|fuzz
 #   build  compilers, build tools and the libraries that the library and the tool use
 #   test   also what the tests and checks use
+#   fuzz   what the fuzzers use beside the build's
 set -euo pipefail
 
 packages=(
@@ -16,6 +17,9 @@ if [ "${1:-build}" = test ]; then
         binutils git python3 python3-numpy python3-venv valgrind
         abigail-tools dpkg-dev file lintian man-db zsh
     )
+fi
+if [ "${1:-build}" = fuzz ]; then
+    packages+=(afl++ clang libgtest-dev)
 fi
 
 missing=()

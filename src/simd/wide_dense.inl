@@ -272,22 +272,23 @@ void factorise_half(const PositiveSystem* systems, size_t count, size_t k) {
         if (k < systems[s].size) factorise_rows<kBegin, kBegin + kHalf>(systems[s], k);
 }
 
-// Takes the first half of the square at k off its second.
+// Takes the rows of the square at k before kBegin off the others.
+template <size_t kBegin>
 void eliminate_half(const PositiveSystem& system, size_t k) {
     const size_t stride = system.stride;
     float* const square = system.a + k * stride + k;
     const float* const factors = system.scaled + k;
     Floats row[kLanes];
-    unrolled<kLanes, kHalf>(
+    unrolled<kLanes, kBegin>(
         [&](auto q) { row[q.value] = Vector::load(square + q.value * stride); });
-    unrolled<kHalf>([&](auto p) {
+    unrolled<kBegin>([&](auto p) {
         const Floats pivot_row = Vector::load(square + p.value * stride);
-        unrolled<kLanes, kHalf>([&](auto q) {
+        unrolled<kLanes, kBegin>([&](auto q) {
             const Floats factor = Vector::broadcast(factors[p.value * stride + q.value]);
             row[q.value] = Vector::fused(factor, pivot_row, row[q.value]);
         });
     });
-    unrolled<kLanes, kHalf>(
+    unrolled<kLanes, kBegin>(
         [&](auto q) { Vector::store(square + q.value * stride, row[q.value]); });
 }
 
@@ -295,7 +296,7 @@ void factorise_squares(const PositiveSystem* systems, size_t count, size_t k) {
     factorise_half<0>(systems, count, k);
     if constexpr (kLanes > kHalf) {
         for (size_t s = 0; s < count; ++s)
-            if (k < systems[s].size) eliminate_half(systems[s], k);
+            if (k < systems[s].size) eliminate_half<kHalf>(systems[s], k);
         factorise_half<kHalf>(systems, count, k);
     }
 }
