@@ -13,7 +13,7 @@ static_assert(kRowUnit % kLanes == 0 && kLanes % Vector::kBlockRows == 0);
 // body(Index<0>), ..., body(Index<kEnd - 1>), so that registers in an array have constant places.
 template <size_t kValue>
 struct Index {
-    static constexpr size_t value = kValue;
+    static constexpr size_t kPlace = kValue;
 };
 
 template <size_t kEnd, size_t kBegin = 0, typename Body>
@@ -105,20 +105,20 @@ void add_block(float* c, size_t stride, const Terms& terms, size_t row, size_t c
         unrolled<kRows>([&](auto r) { unrolled<kColumns>([&](auto v) { body(r, v); }); });
     };
     for_each([&](auto r, auto v) {
-        block[r.value][v.value] = Vector::load(start + r.value * stride + v.value * kLanes);
+        block[r.kPlace][v.kPlace] = Vector::load(start + r.kPlace * stride + v.kPlace * kLanes);
     });
     for (size_t term = part.begin; term < part.end; ++term) {
         Floats right[kColumns];
         unrolled<kColumns>(
-            [&](auto v) { right[v.value] = terms.right(term, column + v.value * kLanes); });
+            [&](auto v) { right[v.kPlace] = terms.right(term, column + v.kPlace * kLanes); });
         const float* const left = terms.left(term) + row;
         for_each([&](auto r, auto v) {
-            block[r.value][v.value] = Vector::fused(Vector::broadcast(left[r.value]),
-                                                    right[v.value], block[r.value][v.value]);
+            block[r.kPlace][v.kPlace] = Vector::fused(Vector::broadcast(left[r.kPlace]),
+                                                      right[v.kPlace], block[r.kPlace][v.kPlace]);
         });
     }
     for_each([&](auto r, auto v) {
-        Vector::store(start + r.value * stride + v.value * kLanes, block[r.value][v.value]);
+        Vector::store(start + r.kPlace * stride + v.kPlace * kLanes, block[r.kPlace][v.kPlace]);
     });
 }
 
@@ -234,15 +234,15 @@ void eliminate(float* a, size_t k, size_t rows, size_t stride) {
 template <size_t kBegin, size_t kEnd, typename Begin>
 void eliminate_columns(float* rows, const float* factors, size_t stride, const Begin& begin) {
     Floats row[kEnd];
-    unrolled<kEnd, kBegin>([&](auto p) { row[p.value] = Vector::load(rows + p.value * stride); });
+    unrolled<kEnd, kBegin>([&](auto p) { row[p.kPlace] = Vector::load(rows + p.kPlace * stride); });
     unrolled<kEnd, kBegin>([&](auto p) {
-        Vector::store(rows + p.value * stride, row[p.value]);
-        const Floats next = begin(p.value, row[p.value]);
-        unrolled<kEnd, p.value + 1>([&](auto q) {
-            const Floats factor = q.value == p.value + 1
+        Vector::store(rows + p.kPlace * stride, row[p.kPlace]);
+        const Floats next = begin(p.kPlace, row[p.kPlace]);
+        unrolled<kEnd, p.kPlace + 1>([&](auto q) {
+            const Floats factor = q.kPlace == p.kPlace + 1
                                       ? next
-                                      : Vector::broadcast(factors[p.value * stride + q.value]);
-            row[q.value] = Vector::fused(factor, row[p.value], row[q.value]);
+                                      : Vector::broadcast(factors[p.kPlace * stride + q.kPlace]);
+            row[q.kPlace] = Vector::fused(factor, row[p.kPlace], row[q.kPlace]);
         });
     });
 }
@@ -280,16 +280,16 @@ void eliminate_half(const PositiveSystem& system, size_t k) {
     const float* const factors = system.scaled + k;
     Floats row[kLanes];
     unrolled<kLanes, kBegin>(
-        [&](auto q) { row[q.value] = Vector::load(square + q.value * stride); });
+        [&](auto q) { row[q.kPlace] = Vector::load(square + q.kPlace * stride); });
     unrolled<kBegin>([&](auto p) {
-        const Floats pivot_row = Vector::load(square + p.value * stride);
+        const Floats pivot_row = Vector::load(square + p.kPlace * stride);
         unrolled<kLanes, kBegin>([&](auto q) {
-            const Floats factor = Vector::broadcast(factors[p.value * stride + q.value]);
-            row[q.value] = Vector::fused(factor, pivot_row, row[q.value]);
+            const Floats factor = Vector::broadcast(factors[p.kPlace * stride + q.kPlace]);
+            row[q.kPlace] = Vector::fused(factor, pivot_row, row[q.kPlace]);
         });
     });
     unrolled<kLanes, kBegin>(
-        [&](auto q) { Vector::store(square + q.value * stride, row[q.value]); });
+        [&](auto q) { Vector::store(square + q.kPlace * stride, row[q.kPlace]); });
 }
 
 void factorise_squares(const PositiveSystem* systems, size_t count, size_t k) {

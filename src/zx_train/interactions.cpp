@@ -13,7 +13,7 @@ namespace {
 constexpr int kMaxDraws = 100;
 
 // How many users ahead their rows are fetched, and twice as many ahead where these stand.
-constexpr std::uint32_t kPrefetchDistance = 16;
+constexpr std::uint64_t kPrefetchDistance = 16;
 
 // Where the positives of a user stand; a user without a row has none.
 zx::Range positives_of(const zx_sparse_t& positives, std::uint32_t user) {
